@@ -1,0 +1,94 @@
+#!/usr/bin/env bash
+# The one test command: installs every Debian package Kestrune needs, checks formatting and
+# lint, builds the default and the sanitizer build, runs every test tier in both, and checks
+# that an installed Kestrune is usable from CMake and pkg-config.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+packages=(
+    build-essential cmake ninja-build pkg-config git
+    clang-format clang-tidy
+    rapidjson-dev libmnl-dev libsqlite3-dev libcli11-dev libgtest-dev libgmock-dev
+    sqlite3 iproute2 iptables
+    user-mode-linux kmod busybox-static
+)
+
+step() { printf '\n==> %s\n' "$*"; }
+
+install_packages() {
+    local missing=()
+    for package in "${packages[@]}"; do
+        dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' ||
+            missing+=("$package")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    step "installing ${missing[*]}"
+    [ "$(id -u)" -eq 0 ] || { echo "installing packages needs root: run as root" >&2; exit 1; }
+    # A transiently failing index is not fatal: the install below says what is really missing.
+    apt-get update || echo "warning: apt-get update failed; trying the install anyway" >&2
+    DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "${missing[@]}" || true
+    local still=()
+    for package in "${missing[@]}"; do
+        dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' ||
+            still+=("$package")
+    done
+    if [ ${#still[@]} -ne 0 ]; then
+        echo "FAILED: these packages could not be installed: ${still[*]}" >&2
+        exit 1
+    fi
+}
+
+sources() {
+    find src tools tests sim bench -type f \( -name '*.h' -o -name '*.cpp' \) 2>/dev/null | sort
+}
+
+check_format() {
+    step "clang-format"
+    sources | xargs clang-format --dry-run --Werror
+}
+
+check_lint() {
+    step "clang-tidy"
+    local log status=0
+    log=$(mktemp)
+    find src tools sim -type f -name '*.cpp' 2>/dev/null | sort |
+        xargs -P "$(nproc)" -n 4 clang-tidy -p build --quiet >"$log" 2>&1 || status=$?
+    grep -v -E '^[0-9]+ warnings? generated\.$|^Suppressed [0-9]+ warnings|^Use -header-filter' \
+        "$log" || true
+    rm -f "$log"
+    return "$status"
+}
+
+build_and_test() {
+    local preset=$1
+    step "build ($preset)"
+    cmake --preset "$preset" >/dev/null
+    cmake --build --preset "$preset"
+    step "tests ($preset)"
+    ctest --preset "$preset" -j "$(nproc)"
+}
+
+check_package() {
+    step "installed package"
+    local prefix consumer
+    prefix=$(mktemp -d)
+    consumer=$(mktemp -d)
+    trap 'rm -rf "$prefix" "$consumer"' RETURN
+    cmake --install build --prefix "$prefix" >/dev/null
+    cmake -S tests/package -B "$consumer" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+    cmake --build "$consumer" >/dev/null
+    "$consumer/consumer"
+    # shellcheck disable=SC2046
+    g++ -std=c++20 tests/package/main.cpp -o "$consumer/pkgconfig-consumer" \
+        $(PKG_CONFIG_PATH="$prefix/lib/pkgconfig" pkg-config --cflags --libs --static kestrune) \
+        -Wl,-rpath,"$prefix/lib"
+    "$consumer/pkgconfig-consumer"
+}
+
+install_packages
+check_format
+build_and_test default
+check_lint
+check_package
+build_and_test asan
+step "all checks passed"

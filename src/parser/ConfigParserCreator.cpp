@@ -1,0 +1,108 @@
+#include "parser/ConfigParserCreator.h"
+
+#include "log/Log.h"
+#include "parser/SandConfigParser.h"
+#include "parser/StrataConfigParser.h"
+#include "util/Trace.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+namespace Kestrune {
+
+namespace {
+
+constexpr std::size_t readBufferSize = 65535;
+
+std::string storePath() {
+    const char* directory = std::getenv("ZEL_PSTORE_PATH");
+    return std::string(directory ? directory : ConfigParserCreator::defaultStoreDirectory) +
+           "/zel-persistent-store.json";
+}
+
+} // namespace
+
+ConfigParser::Ptr ConfigParserCreator::create() {
+    TRACE(3) << "create";
+    const std::string path = storePath();
+    TRACE(3) << "create"
+             << " pstore file= " << path;
+
+    std::FILE* file = std::fopen(path.c_str(), "r");
+    if (!file) {
+        TRACE(0) << "create"
+                 << " " << path << " file not present";
+        eventIs("create " + path + " file not present");
+        return nullptr;
+    }
+
+    std::vector<char> buffer(readBufferSize);
+    rapidjson::FileReadStream stream(file, buffer.data(), buffer.size());
+    rapidjson::Document document;
+    // A store that is not JSON leaves a null document, which the first lookup below asserts
+    // on: a corrupt store is not something a restore can recover from.
+    document.ParseStream(stream);
+
+    auto platformData = getPlatformData(&document);
+    // The failed returns below leave the file open: the process ends soon after a restore
+    // that has no platform to restore.
+    if (platformData == document.MemberEnd()) {
+        TRACE(0) << "create"
+                 << "tessaline info not present";
+        eventIs("createtessaline info not present");
+        return nullptr;
+    }
+    const rapidjson::Value& platform = platformData->value;
+    auto platformType = platform.FindMember("platformType");
+    if (platformType == platform.MemberEnd()) {
+        TRACE(0) << "create"
+                 << " platformType info not present";
+        eventIs("create platformType info not present");
+        return nullptr;
+    }
+
+    ConfigParser::Ptr parser;
+    const std::string type = platformType->value.GetString();
+    if (type == "Strata") {
+        TRACE(3) << "create"
+                 << " Creating strata config parser";
+        parser = strataConfigParserFactory();
+        parser->doCopyDocument(document);
+    } else if (type == "Sand") {
+        TRACE(3) << "create"
+                 << " Creating sand config parser";
+        parser = sandConfigParserFactory();
+        parser->doCopyDocument(document);
+    }
+    std::fclose(file);
+    return parser;
+}
+
+void ConfigParserCreator::eventIs(const std::string& message) {
+    Log::logEvent("ConfigParserCreator", message);
+}
+
+ConfigParserCreator::Ptr configParserCreatorFactory() {
+    return std::make_shared<ConfigParserCreator>();
+}
+
+rapidjson::Value::ConstMemberIterator getPlatformData(const rapidjson::Document* doc) {
+    auto strataPlatformData = doc->FindMember("Tessaline");
+    auto sandPlatformData = doc->FindMember("SandTessaline");
+    if (strataPlatformData != doc->MemberEnd()) {
+        KESTRUNE_ASSERT_TEXT((strataPlatformData == doc->MemberEnd()) ||
+                                 (sandPlatformData == doc->MemberEnd()),
+                             "( strataPlatformData == doc->MemberEnd() ) || ( sandPlatformData == "
+                             "doc->MemberEnd() )");
+        TRACE(0) << "Found strata";
+        return strataPlatformData;
+    }
+    if (sandPlatformData != doc->MemberEnd()) {
+        TRACE(0) << "Found sand";
+        return sandPlatformData;
+    }
+    return doc->MemberEnd();
+}
+
+} // namespace Kestrune

@@ -1,0 +1,29 @@
+#pragma once
+
+#include "parser/ConfigParser.h"
+#include "util/Json.h"
+
+#include <memory>
+#include <string>
+
+namespace Kestrune {
+
+// The entry into a restore: finds the persistent store, reads it and returns the parser of
+// the switch's chip family, or null when there is nothing to restore from.
+class ConfigParserCreator {
+  public:
+    using Ptr = std::shared_ptr<ConfigParserCreator>;
+    using PtrConst = std::shared_ptr<const ConfigParserCreator>;
+
+    static constexpr const char* defaultStoreDirectory = "/mnt/flash";
+
+    ConfigParser::Ptr create();
+    void eventIs(const std::string& message);
+};
+
+ConfigParserCreator::Ptr configParserCreatorFactory();
+
+// The top-level member holding the platform section, or the end of the members.
+rapidjson::Value::ConstMemberIterator getPlatformData(const rapidjson::Document* doc);
+
+} // namespace Kestrune

@@ -1,0 +1,9 @@
+#include "parser/SandConfigParser.h"
+
+namespace Kestrune {
+
+SandConfigParser::Ptr sandConfigParserFactory() {
+    return std::make_shared<SandConfigParser>();
+}
+
+} // namespace Kestrune

@@ -1,0 +1,25 @@
+#include "util/Assert.h"
+
+#include "log/Log.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <string>
+
+namespace Kestrune {
+
+void assertionFailed(const char* condition, const char* file, int line) noexcept {
+    std::fprintf(stderr, "Kestrune: assertion failed: %s (%s:%d)\n", condition, file, line);
+    std::fflush(stderr);
+    try {
+        Log::logEvent("Assertion", "assertion failed: " + std::string(condition) + " (" + file +
+                                       ":" + std::to_string(line) + ")");
+        Log::doStorePending();
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "Kestrune: could not record the assertion: %s\n", e.what());
+    }
+    std::abort();
+}
+
+} // namespace Kestrune

@@ -1,0 +1,144 @@
+#include "log/Log.h"
+
+#include "Scenario.h"
+#include "util/Assert.h"
+#include "util/Json.h"
+
+#include <csignal>
+#include <gtest/gtest.h>
+
+namespace Kestrune {
+namespace {
+
+using Testing::messagesOf;
+using Testing::Outcome;
+using Testing::runProcess;
+using Testing::TempDir;
+
+TEST(EventLog, EventsOfAProcessThatExitsNormallyAreStoredAtExit) {
+    TempDir dir;
+    Outcome outcome = runProcess(dir, [] {
+        Log::logEvent("Driver", "first");
+        Log::logEvent("ZelVrfCreate", "second");
+    });
+    ASSERT_TRUE(outcome.exited);
+    ASSERT_EQ(outcome.events.size(), 2U);
+    EXPECT_EQ(messagesOf(outcome.events),
+              (std::vector<std::string>{"Driver: first", "ZelVrfCreate: second"}));
+    for (const Event& event : outcome.events) {
+        EXPECT_EQ(event.persistence, "persistent");
+        EXPECT_EQ(event.agent, "Kestrune");
+        EXPECT_GT(event.time, 1.7e9) << "a UTC time in seconds";
+    }
+    EXPECT_LE(outcome.events[0].time, outcome.events[1].time);
+}
+
+TEST(EventLog, AProcessEndingOnAnAssertionLeavesItsEventsAndTheAssertion) {
+    TempDir dir;
+    Outcome outcome = runProcess(dir, [] {
+        Log::logEvent("Driver", "before the fault");
+        KESTRUNE_ASSERT(1 + 1 == 3);
+    });
+    EXPECT_EQ(outcome.signal, SIGABRT);
+    ASSERT_EQ(outcome.events.size(), 2U);
+    EXPECT_EQ(outcome.events[0].message, "before the fault");
+    EXPECT_EQ(outcome.events[1].group, "Assertion");
+    EXPECT_EQ(outcome.events[1].message.rfind("assertion failed: 1 + 1 == 3 (", 0), 0U)
+        << outcome.events[1].message;
+    EXPECT_NE(outcome.events[1].message.find("LogTest.cpp:"), std::string::npos);
+}
+
+TEST(EventLog, TheJsonLibrarysTypeAssertionsAreRecordedToo) {
+    TempDir dir;
+    Outcome outcome = runProcess(dir, [] {
+        rapidjson::Document document;
+        document.Parse("[1, 2]");
+        Log::logEvent("ConfigParser", "parsing");
+        static_cast<void>(document.HasMember("Oku"));
+    });
+    EXPECT_EQ(outcome.signal, SIGABRT);
+    ASSERT_EQ(outcome.events.size(), 2U);
+    EXPECT_EQ(outcome.events[1].message.rfind("assertion failed: IsObject() (", 0), 0U)
+        << outcome.events[1].message;
+}
+
+TEST(EventLog, EachBatchIsWrittenOnceAndHistoryAccumulatesAcrossProcesses) {
+    TempDir dir;
+    Outcome first = runProcess(dir, [] {
+        Log::logEvent("Driver", "one");
+        Log::doStorePending();
+        Log::doStorePending(); // nothing new: writes nothing
+        Log::logEvent("Driver", "two");
+    });
+    EXPECT_EQ(messagesOf(first.events), (std::vector<std::string>{"Driver: one", "Driver: two"}));
+
+    Outcome second = runProcess(dir, [] { Log::logEvent("Driver", "three"); });
+    EXPECT_EQ(messagesOf(second.events),
+              (std::vector<std::string>{"Driver: one", "Driver: two", "Driver: three"}));
+}
+
+TEST(EventLog, AnUnwritableHistoryIsTracedAndDoesNotStopTheProcess) {
+    TempDir dir;
+    dir.write("not-a-folder", "");
+    Outcome outcome = runProcess(dir, [&] {
+        Log::historyPathIs(dir.file("not-a-folder") + "/history.db");
+        Log::logEvent("Driver", "lost");
+    });
+    EXPECT_TRUE(outcome.exited);
+    ASSERT_FALSE(outcome.traces.empty());
+    EXPECT_EQ(outcome.traces[0].rfind("Kestrune:0 HistoryStore cannot open event history " +
+                                          dir.file("not-a-folder") + "/history.db: ",
+                                      0),
+              0U)
+        << outcome.traces[0];
+}
+
+TEST(EventsCommand, PrintsTheHistoryAsJsonAndAsATable) {
+    TempDir dir;
+    runProcess(dir, [] {
+        Log::logEvent("ConfigParserCreator", "create /x file not present");
+        Log::logEvent("Driver", "say \"hi\"");
+    });
+    int status = -1;
+    std::string json = Testing::runCommand(
+        std::string(KESTRUNE_CLI) + " events --json --history " + dir.file("history.db"), &status);
+    ASSERT_EQ(status, 0) << json;
+    rapidjson::Document document;
+    document.Parse(json.c_str());
+    ASSERT_TRUE(document.IsArray()) << json;
+    ASSERT_EQ(document.Size(), 2U);
+    const auto& second = document[1];
+    EXPECT_EQ(std::string(second["group"].GetString()), "Driver");
+    EXPECT_EQ(std::string(second["message"].GetString()), "say \"hi\"");
+    EXPECT_EQ(std::string(second["persistence"].GetString()), "persistent");
+    EXPECT_EQ(std::string(second["agent"].GetString()), "Kestrune");
+    EXPECT_TRUE(second["time"].IsNumber());
+
+    std::string table = Testing::runCommand(
+        std::string(KESTRUNE_CLI) + " events --history " + dir.file("history.db"), &status);
+    EXPECT_EQ(status, 0);
+    EXPECT_NE(table.find("  ConfigParserCreator  create /x file not present\n"), std::string::npos)
+        << table;
+    EXPECT_NE(table.find("  Driver               say \"hi\"\n"), std::string::npos) << table;
+}
+
+TEST(EventsCommand, AMissingHistoryIsAClearErrorAndBadUsageIsStatusTwo) {
+    TempDir dir;
+    int status = -1;
+    std::string output = Testing::runCommand(
+        std::string(KESTRUNE_CLI) + " events --history " + dir.file("none.db") + " 2>&1", &status);
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(output, "kestrune events: cannot read event history " + dir.file("none.db") +
+                          ": No such file or directory\n");
+
+    Testing::runCommand(std::string(KESTRUNE_CLI) + " events --bogus 2>&1", &status);
+    EXPECT_EQ(status, 2);
+    Testing::runCommand(std::string(KESTRUNE_CLI) + " 2>&1", &status);
+    EXPECT_EQ(status, 2);
+    std::string help = Testing::runCommand(std::string(KESTRUNE_CLI) + " events --help", &status);
+    EXPECT_EQ(status, 0);
+    EXPECT_NE(help.find("--json"), std::string::npos) << help;
+}
+
+} // namespace
+} // namespace Kestrune

@@ -1,0 +1,79 @@
+#include "Scenario.h"
+
+#include "log/HistoryStore.h"
+#include "log/Log.h"
+#include "util/Trace.h"
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace Kestrune::Testing {
+
+TempDir::TempDir() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "kestrune-test-XXXXXX");
+    path_ = mkdtemp(pattern.data());
+}
+
+TempDir::~TempDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
+void TempDir::write(const std::string& name, const std::string& content) const {
+    std::ofstream(path_ / name, std::ios::binary) << content;
+}
+
+Outcome runProcess(const TempDir& dir, const std::function<void()>& body) {
+    const std::string history = dir.file("history.db");
+    const std::string traces = dir.file("trace.txt");
+    std::fflush(nullptr);
+    pid_t child = fork();
+    if (child == 0) {
+        Log::historyPathIs(history);
+        Trace::levelsIs(Trace::allLevels);
+        Trace::sinkIs(Trace::streamSink(std::fopen(traces.c_str(), "w")));
+        body();
+        std::exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+
+    Outcome outcome;
+    outcome.exited = WIFEXITED(status);
+    outcome.exitCode = outcome.exited ? WEXITSTATUS(status) : -1;
+    outcome.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+    std::ifstream traceFile(traces);
+    for (std::string line; std::getline(traceFile, line);) {
+        outcome.traces.push_back(line);
+    }
+    if (std::filesystem::exists(history)) {
+        outcome.events = HistoryStore::historyOf(history);
+    }
+    return outcome;
+}
+
+std::vector<std::string> messagesOf(const std::vector<Event>& events) {
+    std::vector<std::string> messages;
+    for (const Event& event : events) {
+        messages.push_back(event.group + ": " + event.message);
+    }
+    return messages;
+}
+
+std::string runCommand(const std::string& command, int* status) {
+    std::string output;
+    FILE* pipe = popen(command.c_str(), "r");
+    std::array<char, 4096> chunk{};
+    for (std::size_t n; (n = std::fread(chunk.data(), 1, chunk.size(), pipe)) > 0;) {
+        output.append(chunk.data(), n);
+    }
+    int result = pclose(pipe);
+    *status = WIFEXITED(result) ? WEXITSTATUS(result) : -1;
+    return output;
+}
+
+} // namespace Kestrune::Testing

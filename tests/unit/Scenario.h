@@ -1,0 +1,44 @@
+#pragma once
+
+#include "log/Event.h"
+
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace Kestrune::Testing {
+
+// A private folder removed with everything in it when the test ends.
+class TempDir {
+  public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::filesystem::path& path() const { return path_; }
+    std::string file(const std::string& name) const { return (path_ / name).string(); }
+    void write(const std::string& name, const std::string& content) const;
+
+  private:
+    std::filesystem::path path_;
+};
+
+// What a process left behind: how it ended, its trace lines and its event history.
+struct Outcome {
+    bool exited = false;
+    int exitCode = -1;
+    int signal = 0;
+    std::vector<std::string> traces;
+    std::vector<Event> events;
+};
+
+// Runs body in a child process that owns its event log (history in dir), with every trace
+// level on and traces written to a file as they happen, then exits the child normally. A
+// process is the unit here because the event log is per process and is stored at exit.
+Outcome runProcess(const TempDir& dir, const std::function<void()>& body);
+
+std::vector<std::string> messagesOf(const std::vector<Event>& events);
+std::string runCommand(const std::string& command, int* status);
+
+} // namespace Kestrune::Testing

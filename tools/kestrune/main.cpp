@@ -1,0 +1,29 @@
+#include "CommonOptions.h"
+#include "EventsCommand.h"
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+
+int main(int argc, char** argv) {
+    CLI::App app{"kestrune: restores a switch's CPU packet path in the Linux kernel after a "
+                 "hitless reboot, and inspects what it would restore and what it recorded"};
+    app.set_version_flag("--version", "kestrune 0.1.0");
+    app.require_subcommand(1);
+
+    int status = 0;
+    Kestrune::Cli::addEventsCommand(app, status);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForAllHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForVersion& e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        app.exit(e);
+        return Kestrune::Cli::badUsage;
+    }
+    return status;
+}
