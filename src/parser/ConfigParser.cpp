@@ -1,6 +1,13 @@
 #include "parser/ConfigParser.h"
 
 #include "log/Log.h"
+#include "model/IptablesConfig.h"
+#include "model/LagInterface.h"
+#include "parser/ConfigParserCreator.h"
+#include "parser/StoreValue.h"
+#include "util/Trace.h"
+
+#include <algorithm>
 
 namespace Kestrune {
 
@@ -15,6 +22,151 @@ void ConfigParser::doCopyDocument(const rapidjson::Document& source) {
 
 void ConfigParser::eventIs(const std::string& message) {
     Log::logEvent("ConfigParser", message);
+}
+
+void ConfigParser::report(const std::string& message) {
+    TRACE(0) << message;
+    eventIs(message);
+}
+
+const rapidjson::Document& ConfigParser::store() const {
+    KESTRUNE_ASSERT(document_ != nullptr);
+    return *document_;
+}
+
+const rapidjson::Value* ConfigParser::platformMember(const char* key) {
+    const auto& doc = store();
+    auto platform = getPlatformData(&doc);
+    if (platform == doc.MemberEnd()) {
+        report("Missing Tessaline key in PStore");
+        return nullptr;
+    }
+    auto member = platform->value.FindMember(key);
+    if (member == platform->value.MemberEnd()) {
+        report("Missing " + std::string(key) + " key in Tessaline PStore");
+        return nullptr;
+    }
+    return &member->value;
+}
+
+void ConfigParser::reportMissingDevice(std::size_t index) {
+    const std::string text = "Missing devices info for device ";
+    TRACE(0) << text << index;
+    eventIs(text.substr(std::min(index, text.size())));
+}
+
+void ConfigParser::doExtractPellInfo(const Config::Ptr& config) {
+    const auto& doc = store();
+    auto pell = doc.FindMember("Pell");
+    if (pell == doc.MemberEnd()) {
+        report("Missing Pell key in PStore");
+        return;
+    }
+    const auto& section = pell->value;
+    auto lags = section.FindMember("inputIntfLag");
+    if (lags == section.MemberEnd()) {
+        report("Missing inputIntfLag in Pell PStore");
+        return;
+    }
+    auto flags = section.FindMember("collectDistribute");
+    if (flags == section.MemberEnd()) {
+        report("Missing collectDistribute key in Pell PStore");
+        return;
+    }
+    for (const auto& lagEntry : lags->value.GetObject()) {
+        const std::string lagName = textOf(lagEntry.name);
+        if (!startsWith(lagName, "Port-Channel")) {
+            TRACE(0) << "Skipping " << lagName;
+            continue;
+        }
+        auto members = lagEntry.value.FindMember("member");
+        if (members == lagEntry.value.MemberEnd()) {
+            report("Missing member info in Pell");
+            continue;
+        }
+        // Created with its first usable member: a LAG without one has no CPU path.
+        LagInterface::Ptr lag;
+        for (const auto& memberName : members->value.GetArray()) {
+            const std::string name = textOf(memberName);
+            Interface::Ptr port = config->interface(name);
+            if (!port) {
+                TRACE(0) << "Skipping member " << name << " of " << lagName;
+                continue;
+            }
+            auto state = flags->value.FindMember(memberName);
+            if (state == flags->value.MemberEnd()) {
+                report("Missing collectDistribute flags for member " + name);
+                continue;
+            }
+            const bool collecting = state->value["collecting"].GetBool();
+            const bool distributing = state->value["distributing"].GetBool();
+            if (!lag) {
+                lag = lagInterfaceFactory(lagName);
+                lag->interfaceTypeIs(InterfaceType::Lag_);
+                config->interfaceIs(lag);
+                TRACE(0) << "doExtractPellInfo Added Lag " << lagName << " to config";
+            }
+            auto member = lagMemberFactory();
+            member->interfaceIs(port);
+            member->collectingIs(collecting);
+            member->distributingIs(distributing);
+            lag->memberIs(member);
+            TRACE(0) << "doExtractPellInfo Added " << name << " to " << lagName;
+        }
+    }
+}
+
+void ConfigParser::doExtractDorvelInfo(const Config::Ptr& config) {
+    const auto& doc = store();
+    auto dorvel = doc.FindMember("Dorvel");
+    if (dorvel == doc.MemberEnd()) {
+        report("Missing Dorvel key in PStore");
+        return;
+    }
+    auto mtus = dorvel->value.FindMember("intfMtus");
+    if (mtus == dorvel->value.MemberEnd()) {
+        report("Missing intfMtus key in Dorvel PStore");
+        return;
+    }
+    for (const auto& entry : mtus->value.GetObject()) {
+        const std::string name = textOf(entry.name);
+        Interface::Ptr interface = config->interface(name);
+        if (!interface) {
+            report("Missing interface " + name + " in other PStores. Skipping");
+            continue;
+        }
+        auto mtu = entry.value.FindMember("mtu");
+        auto l2Mtu = entry.value.FindMember("l2Mtu");
+        if (mtu == entry.value.MemberEnd() || l2Mtu == entry.value.MemberEnd()) {
+            report("Missing MTU info for " + name);
+            continue;
+        }
+        interface->mtuIs(mtu->value.GetInt());
+        interface->l2MtuIs(l2Mtu->value.GetInt());
+        TRACE(3) << "doExtractDorvelInfo Added MTU info to " << interface->name();
+    }
+}
+
+void ConfigParser::doExtractSabrelInfo(const Config::Ptr& config) {
+    const auto& doc = store();
+    auto sabrel = doc.FindMember("Sabrel");
+    if (sabrel == doc.MemberEnd()) {
+        report("Missing Sabrel key in PStore");
+        return;
+    }
+    const auto& section = sabrel->value;
+    auto iptables = section.FindMember("iptables");
+    if (iptables == section.MemberEnd()) {
+        report("Missing iptables key in Sabrel PStore");
+        return;
+    }
+    auto ip6tables = section.FindMember("ip6tables");
+    if (ip6tables == section.MemberEnd()) {
+        report("Missing ip6tables key in Sabrel PStore");
+        return;
+    }
+    config->iptablesConfigIs(
+        iptablesConfigFactory(textOf(iptables->value), textOf(ip6tables->value)));
 }
 
 } // namespace Kestrune

@@ -22,6 +22,13 @@ class ConfigParser {
 
     virtual Config::Ptr parse();
 
+    // The agents' common sections, applied by every platform parser after its own.
+    void doExtractPellInfo(const Config::Ptr& config);
+    void doExtractVantInfo(const Config::Ptr& config);
+    void doExtractOkuInfo(const Config::Ptr& config);
+    void doExtractDorvelInfo(const Config::Ptr& config);
+    void doExtractSabrelInfo(const Config::Ptr& config);
+
     // Takes a deep copy, so the parser outlives the caller's document, buffer and file.
     void doCopyDocument(const rapidjson::Document& source);
     const rapidjson::Document* document() const { return document_.get(); }
@@ -29,6 +36,15 @@ class ConfigParser {
     void eventIs(const std::string& message);
 
   protected:
+    // Traces a failure at level 0 and records the same text as an event.
+    void report(const std::string& message);
+    // The parser's document; parsing a second time, after it was dropped, is a fault.
+    const rapidjson::Document& store() const;
+    // A member of the platform section, or null after reporting what is missing.
+    const rapidjson::Value* platformMember(const char* key);
+    // The trace names the device; the event text loses its first `index` characters, which
+    // is what the event history has always held for this failure.
+    void reportMissingDevice(std::size_t index);
     // Dropped once parse has built the Config: the copy is the largest thing the parser holds.
     void documentDel() { document_.reset(); }
 
