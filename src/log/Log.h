@@ -36,8 +36,8 @@ class Log {
     static void logEvent(const std::string& messageGroup, const std::string& message);
     // Stores the single instance's pending events now, if there is an instance.
     static void doStorePending();
-    // Where the history lives; takes effect only before the first event of the process.
-    // An empty path records no history.
+    // Where the history lives. Events recorded before the change are stored in the old
+    // file first. An empty path records no history.
     static void historyPathIs(std::string path);
     static const std::string& historyPath();
 

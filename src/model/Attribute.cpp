@@ -5,12 +5,24 @@
 namespace Kestrune {
 
 std::string quotedText(std::string_view text) {
+    static constexpr char hex[] = "0123456789abcdef";
     std::string quoted = "'";
     for (char c : text) {
+        auto byte = static_cast<unsigned char>(c);
         if (c == '\'' || c == '\\') {
             quoted += '\\';
+            quoted += c;
+        } else if (c == '\n') {
+            quoted += "\\n";
+        } else if (c == '\t') {
+            quoted += "\\t";
+        } else if (byte < 0x20 || byte == 0x7f) {
+            quoted += "\\x";
+            quoted += hex[byte >> 4];
+            quoted += hex[byte & 0xf];
+        } else {
+            quoted += c;
         }
-        quoted += c;
     }
     quoted += '\'';
     return quoted;

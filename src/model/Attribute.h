@@ -81,7 +81,8 @@ const Attribute<Owner>* attributeNamed(AttributeTable<Owner> table, std::string_
     return nullptr;
 }
 
-// Text form of a value: strings quoted ('text', with \' and \\ escaped), numbers in
+// Text form of a value: strings quoted ('text'; quote, backslash, newline, tab and other
+// control bytes escaped as \' \\ \n \t \xNN), numbers in
 // decimal, flags as true/false, interface types by name, sets as {...} in key order.
 std::string attributeText(const AttributeValue& value);
 std::string quotedText(std::string_view text);

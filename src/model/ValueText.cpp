@@ -1,5 +1,6 @@
 #include "model/ValueText.h"
 
+#include <algorithm>
 #include <charconv>
 #include <stdexcept>
 
@@ -39,10 +40,30 @@ std::string ValueTextReader::string(std::string_view field) {
     expect("'");
     std::string value;
     while (at_ < text_.size() && text_[at_] != '\'') {
-        if (text_[at_] == '\\' && at_ + 1 < text_.size()) {
-            ++at_;
+        if (text_[at_] != '\\') {
+            value += text_[at_++];
+            continue;
         }
-        value += text_[at_++];
+        ++at_;
+        char escaped = at_ < text_.size() ? text_[at_] : '\0';
+        if (escaped == 'n' || escaped == 't') {
+            value += escaped == 'n' ? '\n' : '\t';
+            ++at_;
+        } else if (escaped == 'x') {
+            unsigned byte = 0;
+            auto [end, error] = std::from_chars(
+                text_.data() + at_ + 1, text_.data() + std::min(at_ + 3, text_.size()), byte, 16);
+            if (error != std::errc() || end != text_.data() + at_ + 3) {
+                fail("two hex digits after \\x");
+            }
+            value += static_cast<char>(byte);
+            at_ += 3;
+        } else if (escaped == '\'' || escaped == '\\') {
+            value += escaped;
+            ++at_;
+        } else {
+            fail("an escape (\\', \\\\, \\n, \\t or \\xNN)");
+        }
     }
     expect("'");
     return value;

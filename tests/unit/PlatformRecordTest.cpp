@@ -99,7 +99,8 @@ TEST(PlatformRecords, TextFormsNameEveryFieldInOrder) {
 }
 
 TEST(PlatformRecords, TextFormsReadBackToTheSameValue) {
-    const StrataModule modules[] = {{}, {1, 2, "BCM56850"}, {7, 0, "it's \\odd"}};
+    const StrataModule modules[] = {
+        {}, {1, 2, "BCM56850"}, {7, 0, "it's \\odd"}, {7, 0, "two\nlines\tand \x01\x7f"}};
     for (const auto& value : modules) {
         std::string text = valueToStrep(value);
         EXPECT_EQ(StrataModule(text.begin(), text.end()), value) << text;

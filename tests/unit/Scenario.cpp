@@ -13,6 +13,14 @@
 
 namespace Kestrune::Testing {
 
+namespace {
+// No test may touch the host's event history, even one that records an event by accident.
+const bool hostHistoryUntouched = [] {
+    Log::historyPathIs("");
+    return true;
+}();
+} // namespace
+
 TempDir::TempDir() {
     std::string pattern = (std::filesystem::temp_directory_path() / "kestrune-test-XXXXXX");
     path_ = mkdtemp(pattern.data());
