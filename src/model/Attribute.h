@@ -1,6 +1,7 @@
 #pragma once
 
 #include "model/InterfaceType.h"
+#include "model/NameOrder.h"
 
 #include <cstdint>
 #include <map>
@@ -18,7 +19,7 @@ class LagMember;
 // A set of address texts, each with the flag stored beside it.
 using FlagSet = std::map<std::string, bool>;
 // LAG members by member name.
-using MemberSet = std::map<std::string, std::shared_ptr<LagMember>>;
+using MemberSet = std::map<std::string, std::shared_ptr<LagMember>, NameOrder>;
 
 // The value of one model attribute as read through its name.
 using AttributeValue =

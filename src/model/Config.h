@@ -3,6 +3,7 @@
 #include "model/Attribute.h"
 #include "model/Interface.h"
 #include "model/IptablesConfig.h"
+#include "model/NameOrder.h"
 
 #include <map>
 #include <memory>
@@ -16,7 +17,7 @@ class Config {
   public:
     using Ptr = std::shared_ptr<Config>;
     using PtrConst = std::shared_ptr<const Config>;
-    using InterfaceMap = std::map<std::string, Interface::Ptr>;
+    using InterfaceMap = std::map<std::string, Interface::Ptr, NameOrder>;
 
     Config() = default;
     virtual ~Config() = default;

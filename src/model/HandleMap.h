@@ -10,18 +10,16 @@ namespace Kestrune {
 // Inserts a handle under the key its object carries. An entry of the same key is replaced
 // whole: the map then holds the new object and the old one loses only this reference. The
 // same object again changes nothing, not even its reference count.
-template <class T>
-void handleInsert(std::map<std::string, std::shared_ptr<T>>& map, const std::string& key,
-                  const std::shared_ptr<T>& handle) {
+template <class Map, class T>
+void handleInsert(Map& map, const std::string& key, const std::shared_ptr<T>& handle) {
     auto [entry, inserted] = map.try_emplace(key, handle);
     if (!inserted && entry->second != handle) {
         entry->second = handle;
     }
 }
 
-template <class T>
-std::shared_ptr<T> handleAt(const std::map<std::string, std::shared_ptr<T>>& map,
-                            const std::string& key) {
+template <class Map>
+typename Map::mapped_type handleAt(const Map& map, const std::string& key) {
     auto entry = map.find(key);
     return entry == map.end() ? nullptr : entry->second;
 }

@@ -25,7 +25,10 @@ std::string storePath() {
 
 ConfigParser::Ptr ConfigParserCreator::create() {
     TRACE(3) << "create";
-    const std::string path = storePath();
+    return createFrom(storePath());
+}
+
+ConfigParser::Ptr ConfigParserCreator::createFrom(const std::string& path) {
     TRACE(3) << "create"
              << " pstore file= " << path;
 

@@ -301,3 +301,24 @@ TEST(SandConfig, ScalarAttributesFollowTheRootOnes) {
 
 } // namespace
 } // namespace Kestrune
+
+namespace Kestrune {
+namespace {
+
+TEST(NameOrder, InterfacesAreOrderedAsPeopleReadTheirNames) {
+    const std::vector<std::string> ordered = {
+        "Ethernet1/1", "Ethernet1/1.2", "Ethernet1/1.100", "Ethernet1/2",    "Ethernet1/10",
+        "Ethernet2/1", "Ethernet10/1",  "Port-Channel2",   "Port-Channel10", "Vlan9",
+        "Vlan010",     "Vlan10",        "Vlan4094"};
+    NameOrder less;
+    for (std::size_t i = 0; i < ordered.size(); ++i) {
+        EXPECT_FALSE(less(ordered[i], ordered[i])) << ordered[i];
+        for (std::size_t j = i + 1; j < ordered.size(); ++j) {
+            EXPECT_TRUE(less(ordered[i], ordered[j])) << ordered[i] << " < " << ordered[j];
+            EXPECT_FALSE(less(ordered[j], ordered[i])) << ordered[j] << " < " << ordered[i];
+        }
+    }
+}
+
+} // namespace
+} // namespace Kestrune

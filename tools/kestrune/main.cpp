@@ -1,5 +1,6 @@
 #include "CommonOptions.h"
 #include "EventsCommand.h"
+#include "ShowCommand.h"
 
 #include <CLI/CLI.hpp>
 #include <iostream>
@@ -11,6 +12,7 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
 
     int status = 0;
+    Kestrune::Cli::addShowCommand(app, status);
     Kestrune::Cli::addEventsCommand(app, status);
 
     try {
@@ -21,6 +23,9 @@ int main(int argc, char** argv) {
         return app.exit(e);
     } catch (const CLI::CallForVersion& e) {
         return app.exit(e);
+    } catch (const CLI::ValidationError& e) {
+        app.exit(e);
+        return Kestrune::Cli::badUsage;
     } catch (const CLI::ParseError& e) {
         app.exit(e);
         return Kestrune::Cli::badUsage;
