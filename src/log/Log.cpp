@@ -54,7 +54,25 @@ Log::Ptr& Log::instance() {
     return log;
 }
 
+Log::Capture*& Log::capture() {
+    static Capture* current = nullptr;
+    return current;
+}
+
+Log::Capture::Capture() : outer_(capture()) {
+    capture() = this;
+}
+
+Log::Capture::~Capture() {
+    capture() = outer_;
+}
+
 void Log::logEvent(const std::string& messageGroup, const std::string& message) {
+    if (Capture* current = capture()) {
+        current->events_.push_back(
+            eventFactory("persistent", "Kestrune", messageGroup, utcNow(), message));
+        return;
+    }
     Ptr& log = instance();
     if (!log) {
         try {

@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace Kestrune {
 
@@ -41,8 +42,25 @@ class Log {
     static void historyPathIs(std::string path);
     static const std::string& historyPath();
 
+    // While one exists, events are collected by it instead of reaching the history: for
+    // work that only looks at what a restore would record, such as checking a store.
+    class Capture {
+      public:
+        Capture();
+        ~Capture();
+        Capture(const Capture&) = delete;
+        Capture& operator=(const Capture&) = delete;
+        const std::vector<Event>& events() const { return events_; }
+
+      private:
+        friend class Log;
+        std::vector<Event> events_;
+        Capture* outer_;
+    };
+
   private:
     static Ptr& instance();
+    static Capture*& capture();
 
     EventLogQueue::Ptr eventLog_;
     HistoryStore::Ptr historyStore_;

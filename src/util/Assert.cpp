@@ -9,7 +9,22 @@
 
 namespace Kestrune {
 
-void assertionFailed(const char* condition, const char* file, int line) noexcept {
+namespace {
+AssertionHandler handler = nullptr;
+}
+
+void assertionHandlerIs(AssertionHandler newHandler) {
+    handler = newHandler;
+}
+
+void throwAssertionFailure(const char* condition, const char*, int) {
+    throw AssertionFailure(condition);
+}
+
+void assertionFailed(const char* condition, const char* file, int line) {
+    if (handler) {
+        handler(condition, file, line);
+    }
     std::fprintf(stderr, "Kestrune: assertion failed: %s (%s:%d)\n", condition, file, line);
     std::fflush(stderr);
     try {

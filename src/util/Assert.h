@@ -1,11 +1,27 @@
 #pragma once
 
+#include <stdexcept>
+
 namespace Kestrune {
 
 // Ends the process on a condition that must never occur: prints the condition with its
 // place to standard error, records it in the event history with every event still pending,
 // then aborts. Never compiled out: a restore that dies must leave its story on disk.
-[[noreturn]] void assertionFailed(const char* condition, const char* file, int line) noexcept;
+[[noreturn]] void assertionFailed(const char* condition, const char* file, int line);
+
+// What a throwing assertion handler raises.
+class AssertionFailure : public std::logic_error {
+  public:
+    using std::logic_error::logic_error;
+};
+
+// Replaces the record-and-abort ending, for code that must survive a failed assertion: the
+// store checker and the fuzz targets. The handler must not return; a null handler restores
+// the default.
+using AssertionHandler = void (*)(const char* condition, const char* file, int line);
+void assertionHandlerIs(AssertionHandler handler);
+// A handler that throws AssertionFailure carrying the condition.
+[[noreturn]] void throwAssertionFailure(const char* condition, const char* file, int line);
 
 } // namespace Kestrune
 

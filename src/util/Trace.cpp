@@ -30,6 +30,10 @@ void Trace::sinkIs(Sink sink) {
     currentSink() = sink ? std::move(sink) : streamSink(stderr);
 }
 
+Trace::Sink Trace::sink() {
+    return currentSink();
+}
+
 Trace::Sink Trace::streamSink(std::FILE* stream) {
     return [stream](std::string_view line) {
         std::fwrite(line.data(), 1, line.size(), stream);

@@ -23,6 +23,7 @@ class Trace {
     static void levelsIs(std::uint16_t mask) noexcept { mask_ = mask & allLevels; }
     // An empty sink restores the default, standard error.
     static void sinkIs(Sink sink);
+    static Sink sink();
     // A sink that writes each line and a newline to the stream and flushes it, so a
     // process that dies still leaves its last lines behind.
     static Sink streamSink(std::FILE* stream);

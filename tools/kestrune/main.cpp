@@ -1,3 +1,4 @@
+#include "CheckCommand.h"
 #include "CommonOptions.h"
 #include "EventsCommand.h"
 #include "ShowCommand.h"
@@ -12,6 +13,7 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
 
     int status = 0;
+    Kestrune::Cli::addCheckCommand(app, status);
     Kestrune::Cli::addShowCommand(app, status);
     Kestrune::Cli::addEventsCommand(app, status);
 

@@ -1,0 +1,118 @@
+#include "CheckCommand.h"
+
+#include "CommonOptions.h"
+#include "parser/StoreCheck.h"
+#include "util/Json.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <sstream>
+
+namespace Kestrune::Cli {
+
+namespace {
+
+struct CheckOptions {
+    std::string file;
+    bool json = false;
+    bool strict = false;
+    CommonOptions common;
+};
+
+// What a restore from the store would come to, in a word.
+std::string verdictOf(const std::vector<StoreProblem>& problems) {
+    Consequence worst = Consequence::SkipsEntry;
+    for (const auto& problem : problems) {
+        worst = std::max(worst, problem.consequence);
+    }
+    if (problems.empty()) {
+        return "complete";
+    }
+    switch (worst) {
+    case Consequence::EndsProcess:
+        return "ends the process";
+    case Consequence::NoRestore:
+        return "no restore";
+    default:
+        return "incomplete";
+    }
+}
+
+void printJson(const std::string& file, const std::vector<StoreProblem>& problems,
+               const std::string& verdict) {
+    rapidjson::StringBuffer buffer;
+    rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(buffer);
+    writer.StartObject();
+    writer.Key("file");
+    writer.String(file);
+    writer.Key("restore");
+    writer.String(verdict);
+    writer.Key("problems");
+    writer.StartArray();
+    for (const auto& problem : problems) {
+        writer.StartObject();
+        writer.Key("pointer");
+        writer.String(problem.pointer);
+        writer.Key("message");
+        writer.String(problem.message);
+        writer.Key("consequence");
+        writer.String(std::string(textOf(problem.consequence)));
+        writer.EndObject();
+    }
+    writer.EndArray();
+    writer.EndObject();
+    std::cout << buffer.GetString() << '\n';
+}
+
+void printText(const std::string& file, const std::vector<StoreProblem>& problems,
+               const std::string& verdict) {
+    for (const auto& problem : problems) {
+        std::cout << file << ": " << problem.pointer << (problem.pointer.empty() ? "" : ": ")
+                  << problem.message << " (" << textOf(problem.consequence) << ")\n";
+    }
+    std::cout << file << ": " << problems.size()
+              << (problems.size() == 1 ? " problem" : " problems") << "; the restore: " << verdict
+              << '\n';
+}
+
+} // namespace
+
+void addCheckCommand(CLI::App& app, int& status) {
+    auto options = std::make_shared<CheckOptions>();
+    CLI::App* command = app.add_subcommand(
+        "check", "Check a store before trusting a reboot to it: every problem, with its JSON "
+                 "Pointer and what the restore would do about it. Exit status 0: nothing "
+                 "ends the restore; 1: the restore would end the process or restore nothing "
+                 "(or FILE is not JSON or cannot be read); with --strict, skipped entries and "
+                 "sections also give 1");
+    command->add_option("FILE", options->file, "The persistent store to check")->required();
+    command->add_flag("--json", options->json,
+                      "Print {file, restore, problems: [{pointer, message, consequence}]}");
+    command->add_flag("--strict", options->strict, "Fail on skipped entries and sections too");
+    options->common.addTo(*command);
+    command->callback([options, &status] {
+        options->common.apply();
+        std::ifstream in(options->file, std::ios::binary);
+        std::stringstream text;
+        if (!in || !(text << in.rdbuf())) {
+            std::cerr << "kestrune check: cannot read " << options->file << ": "
+                      << std::strerror(errno) << '\n';
+            status = 1;
+            return;
+        }
+        auto problems = StoreCheck::problemsOf(text.str());
+        const std::string verdict = verdictOf(problems);
+        options->json ? printJson(options->file, problems, verdict)
+                      : printText(options->file, problems, verdict);
+        const bool fatal = std::any_of(problems.begin(), problems.end(), [](const auto& p) {
+            return p.consequence >= Consequence::NoRestore;
+        });
+        status = fatal || (options->strict && !problems.empty()) ? 1 : 0;
+    });
+}
+
+} // namespace Kestrune::Cli
