@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <unordered_map>
 
 namespace Kestrune {
 
@@ -31,8 +32,8 @@ class Config {
     Interface::Ptr interface(const std::string& name) const;
     // Throws std::range_error for a null handle; replaces an interface of the same name whole.
     void interfaceIs(const Interface::Ptr& interface);
-    void interfaceDel(const std::string& name) { interface_.erase(name); }
-    void interfaceDelAll() { interface_.clear(); }
+    void interfaceDel(const std::string& name);
+    void interfaceDelAll();
     void interfaceNotify(const std::string&) {}
 
     const std::string& platformType() const { return platformType_; }
@@ -49,6 +50,8 @@ class Config {
   private:
     std::string bridgeMac_;
     InterfaceMap interface_;
+    // Every section looks interfaces up by name; hashing keeps that off the ordered map.
+    std::unordered_map<std::string, Interface::Ptr> byName_;
     std::string platformType_;
     IptablesConfig::Ptr iptablesConfig_;
 };

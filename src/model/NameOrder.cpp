@@ -1,5 +1,7 @@
 #include "model/NameOrder.h"
 
+#include <cstring>
+
 namespace Kestrune {
 
 namespace {
@@ -8,45 +10,53 @@ bool isDigit(char c) {
     return c >= '0' && c <= '9';
 }
 
-// The digit run starting at `at`, without its leading zeros; `at` moves past the run.
-std::string_view numberAt(std::string_view text, std::size_t& at) {
-    std::size_t start = at;
-    while (at < text.size() && isDigit(text[at])) {
-        ++at;
+// The digit run of `text` that starts at `at`, as [first, last) without leading zeros.
+void numberAt(std::string_view text, std::size_t at, std::size_t& first, std::size_t& last) {
+    last = at;
+    while (last < text.size() && isDigit(text[last])) {
+        ++last;
     }
-    while (start + 1 < at && text[start] == '0') {
-        ++start;
+    first = at;
+    while (first + 1 < last && text[first] == '0') {
+        ++first;
     }
-    return text.substr(start, at - start);
 }
 
 } // namespace
 
+// Names of one switch share long prefixes ("Ethernet1/"), so the common prefix is skipped
+// first and only the place where the names part is looked at closely. The interface map
+// of a large switch calls this tens of thousands of times per restore.
 bool NameOrder::operator()(std::string_view left, std::string_view right) const noexcept {
-    std::size_t l = 0;
-    std::size_t r = 0;
-    while (l < left.size() && r < right.size()) {
-        if (isDigit(left[l]) && isDigit(right[r])) {
-            std::string_view a = numberAt(left, l);
-            std::string_view b = numberAt(right, r);
-            if (a.size() != b.size()) {
-                return a.size() < b.size();
-            }
-            if (a != b) {
-                return a < b;
-            }
-            continue;
-        }
-        if (left[l] != right[r]) {
-            return left[l] < right[r];
-        }
-        ++l;
-        ++r;
+    const std::size_t common = left.size() < right.size() ? left.size() : right.size();
+    std::size_t at = 0;
+    while (at < common && left[at] == right[at]) {
+        ++at;
     }
-    if (left.size() - l != right.size() - r) {
-        return left.size() - l < right.size() - r;
+    std::size_t run = at;
+    while (run > 0 && isDigit(left[run - 1])) {
+        --run;
     }
-    // Names equal as numbers ("Vlan010", "Vlan10") still differ as text.
+    const bool leftDigit = at < left.size() && isDigit(left[at]);
+    const bool rightDigit = at < right.size() && isDigit(right[at]);
+    if (run < at || leftDigit || rightDigit) {
+        std::size_t leftFirst = 0;
+        std::size_t leftLast = 0;
+        std::size_t rightFirst = 0;
+        std::size_t rightLast = 0;
+        numberAt(left, run, leftFirst, leftLast);
+        numberAt(right, run, rightFirst, rightLast);
+        const std::size_t leftDigits = leftLast - leftFirst;
+        const std::size_t rightDigits = rightLast - rightFirst;
+        if (leftDigits != rightDigits) {
+            return leftDigits < rightDigits;
+        }
+        if (int order =
+                std::memcmp(left.data() + leftFirst, right.data() + rightFirst, leftDigits)) {
+            return order < 0;
+        }
+    }
+    // Equal as numbers ("Vlan010", "Vlan10"), or a plain character decides.
     return left < right;
 }
 

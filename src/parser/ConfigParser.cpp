@@ -8,6 +8,8 @@
 #include "util/Trace.h"
 
 #include <algorithm>
+#include <string_view>
+#include <unordered_map>
 
 namespace Kestrune {
 
@@ -73,6 +75,13 @@ void ConfigParser::doExtractPellInfo(const Config::Ptr& config) {
         report("Missing collectDistribute key in Pell PStore");
         return;
     }
+    // Each member's flags are looked up by name; an index keeps that from growing with the
+    // square of the member count. The first entry of a name wins, as in a member lookup.
+    std::unordered_map<std::string_view, const rapidjson::Value*> flagsOf;
+    for (const auto& entry : flags->value.GetObject()) {
+        flagsOf.try_emplace(std::string_view(entry.name.GetString(), entry.name.GetStringLength()),
+                            &entry.value);
+    }
     for (const auto& lagEntry : lags->value.GetObject()) {
         const std::string lagName = textOf(lagEntry.name);
         if (!startsWith(lagName, "Port-Channel")) {
@@ -93,13 +102,13 @@ void ConfigParser::doExtractPellInfo(const Config::Ptr& config) {
                 TRACE(0) << "Skipping member " << name << " of " << lagName;
                 continue;
             }
-            auto state = flags->value.FindMember(memberName);
-            if (state == flags->value.MemberEnd()) {
+            auto state = flagsOf.find(name);
+            if (state == flagsOf.end()) {
                 report("Missing collectDistribute flags for member " + name);
                 continue;
             }
-            const bool collecting = state->value["collecting"].GetBool();
-            const bool distributing = state->value["distributing"].GetBool();
+            const bool collecting = (*state->second)["collecting"].GetBool();
+            const bool distributing = (*state->second)["distributing"].GetBool();
             if (!lag) {
                 lag = lagInterfaceFactory(lagName);
                 lag->interfaceTypeIs(InterfaceType::Lag_);
