@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
 # The one test command: installs every Debian package Kestrune needs, checks formatting and
-# lint, builds the default and the sanitizer build, runs every test tier in both, and checks
-# that an installed Kestrune is usable from CMake and pkg-config.
+# lint, builds the default and the sanitizer build, runs every test tier in both, checks
+# that an installed Kestrune is usable from CMake and pkg-config, and fuzzes the store
+# parser for a minute (FUZZ_SECONDS to change that; 0 skips the fuzz build).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 packages=(
-    build-essential cmake ninja-build pkg-config git
-    clang-format clang-tidy
+    build-essential cmake ninja-build pkg-config git python3
+    clang clang-format clang-tidy libclang-rt-14-dev
     rapidjson-dev libmnl-dev libsqlite3-dev libcli11-dev libgtest-dev libgmock-dev
     sqlite3 iproute2 iptables
     user-mode-linux kmod busybox-static
@@ -96,10 +97,31 @@ check_package() {
     "$consumer/pkgconfig-consumer"
 }
 
+fuzz() {
+    local seconds=${FUZZ_SECONDS:-60}
+    [ "$seconds" -gt 0 ] || return 0
+    step "fuzz ($seconds s)"
+    cmake --preset fuzz >/dev/null
+    cmake --build --preset fuzz --target store-fuzz
+    local corpus
+    corpus=$(mktemp -d)
+    trap 'rm -rf "$corpus"' RETURN
+    # New inputs go to the scratch folder; the seeds in the tree stay as they are.
+    LSAN_OPTIONS=suppressions=$PWD/tests/lsan.supp \
+        build-fuzz/bin/store-fuzz -max_total_time="$seconds" -print_final_stats=1 \
+        -artifact_prefix="$corpus/" "$corpus" tests/fuzz/corpus 2>&1 | grep -E '^(#[0-9]+ +DONE|stat::number_of_executed_units)' || true
+    if ls "$corpus"/crash-* "$corpus"/leak-* "$corpus"/timeout-* >/dev/null 2>&1; then
+        echo "FAILED: the fuzzer found an input that breaks the parser or the checker:" >&2
+        ls "$corpus"/crash-* "$corpus"/leak-* "$corpus"/timeout-* 2>/dev/null >&2
+        return 1
+    fi
+}
+
 install_packages
 check_format
 build_and_test default
 check_lint
 check_package
 build_and_test asan
+fuzz
 step "all checks passed"

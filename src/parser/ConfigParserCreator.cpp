@@ -46,10 +46,13 @@ ConfigParser::Ptr ConfigParserCreator::createFrom(const std::string& path) {
     // A store that is not JSON leaves a null document, which the first lookup below asserts
     // on: a corrupt store is not something a restore can recover from.
     document.ParseStream(stream);
+    // Closed as soon as it is read: the parser works from its own copy.
+    std::fclose(file);
+    return createFromDocument(document);
+}
 
+ConfigParser::Ptr ConfigParserCreator::createFromDocument(const rapidjson::Document& document) {
     auto platformData = getPlatformData(&document);
-    // The failed returns below leave the file open: the process ends soon after a restore
-    // that has no platform to restore.
     if (platformData == document.MemberEnd()) {
         TRACE(0) << "create"
                  << "tessaline info not present";
@@ -78,7 +81,6 @@ ConfigParser::Ptr ConfigParserCreator::createFrom(const std::string& path) {
         parser = sandConfigParserFactory();
         parser->doCopyDocument(document);
     }
-    std::fclose(file);
     return parser;
 }
 

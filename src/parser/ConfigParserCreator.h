@@ -21,6 +21,8 @@ class ConfigParserCreator {
     ConfigParser::Ptr create();
     // The same for a store at any path: what `kestrune show` and tests read.
     ConfigParser::Ptr createFrom(const std::string& path);
+    // The steps after reading: the platform section decides the parser, which takes a copy.
+    ConfigParser::Ptr createFromDocument(const rapidjson::Document& document);
     void eventIs(const std::string& message);
 };
 

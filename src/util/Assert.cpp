@@ -17,6 +17,10 @@ void assertionHandlerIs(AssertionHandler newHandler) {
     handler = newHandler;
 }
 
+AssertionHandler assertionHandler() {
+    return handler;
+}
+
 void throwAssertionFailure(const char* condition, const char*, int) {
     throw AssertionFailure(condition);
 }

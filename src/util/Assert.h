@@ -20,6 +20,7 @@ class AssertionFailure : public std::logic_error {
 // the default.
 using AssertionHandler = void (*)(const char* condition, const char* file, int line);
 void assertionHandlerIs(AssertionHandler handler);
+AssertionHandler assertionHandler();
 // A handler that throws AssertionFailure carrying the condition.
 [[noreturn]] void throwAssertionFailure(const char* condition, const char* file, int line);
 
