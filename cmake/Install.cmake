@@ -20,5 +20,6 @@ install(FILES ${PROJECT_BINARY_DIR}/KestruneConfig.cmake
               ${PROJECT_BINARY_DIR}/KestruneConfigVersion.cmake
         DESTINATION ${KESTRUNE_CMAKE_DIR})
 
+file(RELATIVE_PATH KESTRUNE_PC_TO_PREFIX "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
 configure_file(${PROJECT_SOURCE_DIR}/cmake/kestrune.pc.in ${PROJECT_BINARY_DIR}/kestrune.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/kestrune.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

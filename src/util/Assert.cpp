@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <string>
 
@@ -30,6 +31,11 @@ void assertionFailed(const char* condition, const char* file, int line) {
         handler(condition, file, line);
     }
     std::fprintf(stderr, "Kestrune: assertion failed: %s (%s:%d)\n", condition, file, line);
+    if (std::strstr(file, "rapidjson/")) {
+        // The JSON library's own type checks fail only on a store of the wrong shape.
+        std::fprintf(stderr, "Kestrune: the persistent store holds a value of the wrong JSON "
+                             "type; `kestrune check` on the store shows where\n");
+    }
     std::fflush(stderr);
     try {
         Log::logEvent("Assertion", "assertion failed: " + std::string(condition) + " (" + file +
