@@ -36,6 +36,25 @@ const rapidjson::Document& ConfigParser::store() const {
     return *document_;
 }
 
+const rapidjson::Value* ConfigParser::memberOrReport(const rapidjson::Value& object,
+                                                     const char* key, const std::string& missing) {
+    auto member = object.FindMember(key);
+    if (member == object.MemberEnd()) {
+        report(missing);
+        return nullptr;
+    }
+    return &member->value;
+}
+
+void ConfigParser::doExtractCommonSections(const Config::Ptr& config) {
+    doExtractPellInfo(config);
+    doExtractVantInfo(config);
+    doExtractOkuInfo(config);
+    doExtractDorvelInfo(config);
+    doExtractSabrelInfo(config);
+    documentDel();
+}
+
 const rapidjson::Value* ConfigParser::platformMember(const char* key) {
     const auto& doc = store();
     auto platform = getPlatformData(&doc);
@@ -43,12 +62,8 @@ const rapidjson::Value* ConfigParser::platformMember(const char* key) {
         report("Missing Tessaline key in PStore");
         return nullptr;
     }
-    auto member = platform->value.FindMember(key);
-    if (member == platform->value.MemberEnd()) {
-        report("Missing " + std::string(key) + " key in Tessaline PStore");
-        return nullptr;
-    }
-    return &member->value;
+    return memberOrReport(platform->value, key,
+                          "Missing " + std::string(key) + " key in Tessaline PStore");
 }
 
 void ConfigParser::reportMissingDevice(std::size_t index) {
@@ -59,30 +74,29 @@ void ConfigParser::reportMissingDevice(std::size_t index) {
 
 void ConfigParser::doExtractPellInfo(const Config::Ptr& config) {
     const auto& doc = store();
-    auto pell = doc.FindMember("Pell");
-    if (pell == doc.MemberEnd()) {
-        report("Missing Pell key in PStore");
+    const rapidjson::Value* pell = memberOrReport(doc, "Pell", "Missing Pell key in PStore");
+    if (!pell) {
         return;
     }
-    const auto& section = pell->value;
-    auto lags = section.FindMember("inputIntfLag");
-    if (lags == section.MemberEnd()) {
-        report("Missing inputIntfLag in Pell PStore");
+    const auto& section = *pell;
+    const rapidjson::Value* lags =
+        memberOrReport(section, "inputIntfLag", "Missing inputIntfLag in Pell PStore");
+    if (!lags) {
         return;
     }
-    auto flags = section.FindMember("collectDistribute");
-    if (flags == section.MemberEnd()) {
-        report("Missing collectDistribute key in Pell PStore");
+    const rapidjson::Value* flags = memberOrReport(section, "collectDistribute",
+                                                   "Missing collectDistribute key in Pell PStore");
+    if (!flags) {
         return;
     }
     // Each member's flags are looked up by name; an index keeps that from growing with the
     // square of the member count. The first entry of a name wins, as in a member lookup.
     std::unordered_map<std::string_view, const rapidjson::Value*> flagsOf;
-    for (const auto& entry : flags->value.GetObject()) {
+    for (const auto& entry : flags->GetObject()) {
         flagsOf.try_emplace(std::string_view(entry.name.GetString(), entry.name.GetStringLength()),
                             &entry.value);
     }
-    for (const auto& lagEntry : lags->value.GetObject()) {
+    for (const auto& lagEntry : lags->GetObject()) {
         const std::string lagName = textOf(lagEntry.name);
         if (!startsWith(lagName, "Port-Channel")) {
             TRACE(0) << "Skipping " << lagName;
@@ -127,17 +141,16 @@ void ConfigParser::doExtractPellInfo(const Config::Ptr& config) {
 
 void ConfigParser::doExtractDorvelInfo(const Config::Ptr& config) {
     const auto& doc = store();
-    auto dorvel = doc.FindMember("Dorvel");
-    if (dorvel == doc.MemberEnd()) {
-        report("Missing Dorvel key in PStore");
+    const rapidjson::Value* dorvel = memberOrReport(doc, "Dorvel", "Missing Dorvel key in PStore");
+    if (!dorvel) {
         return;
     }
-    auto mtus = dorvel->value.FindMember("intfMtus");
-    if (mtus == dorvel->value.MemberEnd()) {
-        report("Missing intfMtus key in Dorvel PStore");
+    const rapidjson::Value* mtus =
+        memberOrReport(*dorvel, "intfMtus", "Missing intfMtus key in Dorvel PStore");
+    if (!mtus) {
         return;
     }
-    for (const auto& entry : mtus->value.GetObject()) {
+    for (const auto& entry : mtus->GetObject()) {
         const std::string name = textOf(entry.name);
         Interface::Ptr interface = config->interface(name);
         if (!interface) {
@@ -158,24 +171,22 @@ void ConfigParser::doExtractDorvelInfo(const Config::Ptr& config) {
 
 void ConfigParser::doExtractSabrelInfo(const Config::Ptr& config) {
     const auto& doc = store();
-    auto sabrel = doc.FindMember("Sabrel");
-    if (sabrel == doc.MemberEnd()) {
-        report("Missing Sabrel key in PStore");
+    const rapidjson::Value* sabrel = memberOrReport(doc, "Sabrel", "Missing Sabrel key in PStore");
+    if (!sabrel) {
         return;
     }
-    const auto& section = sabrel->value;
-    auto iptables = section.FindMember("iptables");
-    if (iptables == section.MemberEnd()) {
-        report("Missing iptables key in Sabrel PStore");
+    const auto& section = *sabrel;
+    const rapidjson::Value* iptables =
+        memberOrReport(section, "iptables", "Missing iptables key in Sabrel PStore");
+    if (!iptables) {
         return;
     }
-    auto ip6tables = section.FindMember("ip6tables");
-    if (ip6tables == section.MemberEnd()) {
-        report("Missing ip6tables key in Sabrel PStore");
+    const rapidjson::Value* ip6tables =
+        memberOrReport(section, "ip6tables", "Missing ip6tables key in Sabrel PStore");
+    if (!ip6tables) {
         return;
     }
-    config->iptablesConfigIs(
-        iptablesConfigFactory(textOf(iptables->value), textOf(ip6tables->value)));
+    config->iptablesConfigIs(iptablesConfigFactory(textOf(*iptables), textOf(*ip6tables)));
 }
 
 } // namespace Kestrune

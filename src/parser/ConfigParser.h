@@ -40,6 +40,12 @@ class ConfigParser {
     void report(const std::string& message);
     // The parser's document; parsing a second time, after it was dropped, is a fault.
     const rapidjson::Document& store() const;
+    // The member `key` of `object`, or null after reporting `missing`.
+    const rapidjson::Value* memberOrReport(const rapidjson::Value& object, const char* key,
+                                           const std::string& missing);
+    // The agents' sections in the order that lets each amend what the ones before created,
+    // then the document goes: the last step of every platform's parse.
+    void doExtractCommonSections(const Config::Ptr& config);
     // A member of the platform section, or null after reporting what is missing.
     const rapidjson::Value* platformMember(const char* key);
     // The trace names the device; the event text loses its first `index` characters, which

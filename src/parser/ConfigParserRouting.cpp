@@ -43,28 +43,25 @@ void applyAddresses(Interface& interface, const rapidjson::Value& facts) {
 
 void ConfigParser::doExtractVantInfo(const Config::Ptr& config) {
     const auto& doc = store();
-    auto vant = doc.FindMember("Vant");
-    if (vant == doc.MemberEnd()) {
-        report("Missing Vant key in PStore");
+    const rapidjson::Value* vant = memberOrReport(doc, "Vant", "Missing Vant key in PStore");
+    if (!vant) {
         return;
     }
-    const auto& section = vant->value;
-    auto mac = section.FindMember("bridgeMacAddr");
-    if (mac == section.MemberEnd()) {
-        report("Missing bridgeMacAddr in Vant PStore");
+    const auto& section = *vant;
+    const rapidjson::Value* mac =
+        memberOrReport(section, "bridgeMacAddr", "Missing bridgeMacAddr in Vant PStore");
+    // A bridge MAC that is not text ends the section without a word, as it always has.
+    if (!mac || !mac->IsString()) {
         return;
     }
-    if (!mac->value.IsString()) {
-        return;
-    }
-    config->bridgeMacIs(textOf(mac->value));
+    config->bridgeMacIs(textOf(*mac));
 
-    auto encapVlans = section.FindMember("subIntfNameToEncapVlanId");
-    if (encapVlans == section.MemberEnd()) {
-        report("Missing subIntfNameToEncapVlanId in Vant PStore");
+    const rapidjson::Value* encapVlans = memberOrReport(
+        section, "subIntfNameToEncapVlanId", "Missing subIntfNameToEncapVlanId in Vant PStore");
+    if (!encapVlans) {
         return;
     }
-    for (const auto& entry : encapVlans->value.GetObject()) {
+    for (const auto& entry : encapVlans->GetObject()) {
         const std::string name = textOf(entry.name);
         auto subIntf = subInterfaceFactory(name);
         subIntf->interfaceTypeIs(InterfaceType::SubIntf_);
@@ -73,12 +70,12 @@ void ConfigParser::doExtractVantInfo(const Config::Ptr& config) {
         config->interfaceIs(subIntf);
     }
 
-    auto internalVlans = section.FindMember("intfNameToVlanId");
-    if (internalVlans == section.MemberEnd()) {
-        report("Missing intfNameToVlanId in Vant PStore");
+    const rapidjson::Value* internalVlans =
+        memberOrReport(section, "intfNameToVlanId", "Missing intfNameToVlanId in Vant PStore");
+    if (!internalVlans) {
         return;
     }
-    for (const auto& entry : internalVlans->value.GetObject()) {
+    for (const auto& entry : internalVlans->GetObject()) {
         const std::string name = textOf(entry.name);
         const std::uint32_t vlan = unsignedOf(entry.value);
         Interface::Ptr interface = config->interface(name);
@@ -109,17 +106,16 @@ void ConfigParser::doExtractVantInfo(const Config::Ptr& config) {
 
 void ConfigParser::doExtractOkuInfo(const Config::Ptr& config) {
     const auto& doc = store();
-    auto oku = doc.FindMember("Oku");
-    if (oku == doc.MemberEnd()) {
-        report("Missing Oku key in PStore");
+    const rapidjson::Value* oku = memberOrReport(doc, "Oku", "Missing Oku key in PStore");
+    if (!oku) {
         return;
     }
-    auto interfaces = oku->value.FindMember("interfaces");
-    if (interfaces == oku->value.MemberEnd()) {
-        report("Missing interfaces in Oku PStore");
+    const rapidjson::Value* interfaces =
+        memberOrReport(*oku, "interfaces", "Missing interfaces in Oku PStore");
+    if (!interfaces) {
         return;
     }
-    for (const auto& entry : interfaces->value.GetObject()) {
+    for (const auto& entry : interfaces->GetObject()) {
         const std::string name = textOf(entry.name);
         const auto& facts = entry.value;
         Interface::Ptr interface;

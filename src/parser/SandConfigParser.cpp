@@ -30,12 +30,7 @@ Config::Ptr SandConfigParser::parse() {
     doExtractDriverParams(config);
     doExtractDeviceInfo(config);
     doExtractInterfaceInfo(config);
-    doExtractPellInfo(config);
-    doExtractVantInfo(config);
-    doExtractOkuInfo(config);
-    doExtractDorvelInfo(config);
-    doExtractSabrelInfo(config);
-    documentDel();
+    doExtractCommonSections(config);
     return config;
 }
 

@@ -12,12 +12,7 @@ Config::Ptr StrataConfigParser::parse() {
     config->platformTypeIs("Strata");
     doExtractDeviceInfo(config);
     doExtractInterfaceInfo(config);
-    doExtractPellInfo(config);
-    doExtractVantInfo(config);
-    doExtractOkuInfo(config);
-    doExtractDorvelInfo(config);
-    doExtractSabrelInfo(config);
-    documentDel();
+    doExtractCommonSections(config);
     return config;
 }
 
