@@ -24,7 +24,6 @@ class HistoryStore {
     HistoryStore& operator=(const HistoryStore&) = delete;
 
     const std::string& path() const { return path_; }
-    bool open() const { return db_ != nullptr; }
 
     // Opens the history, creating its folder, file and table when this is the first run.
     // Traces a failure; the pending events then stay queued for the next doStore.

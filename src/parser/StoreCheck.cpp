@@ -1,11 +1,9 @@
 #include "parser/StoreCheck.h"
 
-#include "log/Log.h"
-#include "parser/SandConfigParser.h"
+#include "parser/SkippedEntries.h"
+#include "parser/StorePointer.h"
 #include "parser/StoreValue.h"
-#include "parser/StrataConfigParser.h"
 #include "util/Json.h"
-#include "util/Trace.h"
 
 #include <algorithm>
 #include <array>
@@ -47,20 +45,6 @@ const Value* member(const Value* object, const char* key) {
     }
     auto found = object->FindMember(key);
     return found == object->MemberEnd() ? nullptr : &found->value;
-}
-
-std::string textOfPointer(const Pointer& pointer) {
-    rapidjson::StringBuffer buffer;
-    pointer.Stringify(buffer);
-    return buffer.GetString();
-}
-
-Pointer pointerOf(std::initializer_list<std::string_view> names) {
-    Pointer pointer;
-    for (std::string_view name : names) {
-        pointer = pointer.Append(name.data(), static_cast<rapidjson::SizeType>(name.size()));
-    }
-    return pointer;
 }
 
 std::string jsonTypeOf(const Value& value) {
@@ -109,7 +93,8 @@ class Checker {
         if (checkPlatform()) {
             validate();
             applyRules();
-            parseRest();
+            auto skipped = skippedEntriesOf(store_, platformType_);
+            problems_.insert(problems_.end(), skipped.begin(), skipped.end());
         }
         return problems_;
     }
@@ -210,8 +195,7 @@ class Checker {
         const Value* note = member(&rule, "x-kestrune-missing");
         for (const auto& key : rule["required"].GetArray()) {
             const std::string name = textOf(key);
-            if (value.HasMember(key) ||
-                pruned_.count(original(at) + "/" + textOfPointer(pointerOf({name})).substr(1))) {
+            if (value.HasMember(key) || pruned_.count(original(at) + pointerToken(name))) {
                 continue;
             }
             const Value* perKey = note && note->IsObject() ? member(note, name.c_str()) : note;
@@ -261,8 +245,10 @@ class Checker {
         const auto& last = at.GetTokens()[count - 1];
         pruned_.insert(original(at));
         if (parent && parent->IsArray() && last.index < parent->Size()) {
-            erased_[original(parentPointer)].push_back(
-                originalIndex(original(parentPointer), last.index));
+            const std::string array = original(parentPointer);
+            auto& gone = erased_[array];
+            const std::size_t index = originalIndex(array, last.index);
+            gone.insert(std::lower_bound(gone.begin(), gone.end(), index), index);
             parent->Erase(parent->Begin() + last.index);
             return true;
         }
@@ -279,9 +265,8 @@ class Checker {
     std::size_t originalIndex(const std::string& array, std::size_t index) const {
         auto erased = erased_.find(array);
         if (erased != erased_.end()) {
-            auto indexes = erased->second;
-            std::sort(indexes.begin(), indexes.end());
-            for (std::size_t gone : indexes) {
+            // Ascending, so each removal before the index moves it on by one.
+            for (std::size_t gone : erased->second) {
                 index += gone <= index ? 1 : 0;
             }
         }
@@ -298,8 +283,7 @@ class Checker {
                 text += "/" + std::to_string(originalIndex(text, token.index));
                 value = token.index < value->Size() ? &(*value)[token.index] : nullptr;
             } else {
-                text +=
-                    textOfPointer(prefix(at, i + 1)).substr(textOfPointer(prefix(at, i)).size());
+                text += pointerToken(std::string_view(token.name, token.length));
                 value = member(value, std::string(token.name, token.length).c_str());
             }
         }
@@ -316,7 +300,7 @@ class Checker {
                     ++entry;
                     continue;
                 }
-                add(textOfPointer(pointerOf({"Vant", "intfNameToVlanId", name})),
+                add(pointerText({"Vant", "intfNameToVlanId", name}),
                     name + " is turned routed a second time", Consequence::EndsProcess);
                 entry = vlans->EraseMember(entry);
             }
@@ -326,7 +310,7 @@ class Checker {
             for (auto entry = interfaces->MemberBegin(); entry != interfaces->MemberEnd();) {
                 const std::string name = textOf(entry->name);
                 if (createsVlanInterface(name, entry->value) && !hasVlanNumber(name)) {
-                    add(textOfPointer(pointerOf({"Oku", "interfaces", name})),
+                    add(pointerText({"Oku", "interfaces", name}),
                         name + " has no VLAN number after \"Vlan\"", Consequence::EndsProcess);
                     entry = interfaces->EraseMember(entry);
                 } else {
@@ -348,120 +332,11 @@ class Checker {
         return std::sscanf(name.c_str(), "Vlan%d", &vlan) == 1;
     }
 
-    // What only the sections' order decides (which names exist when an entry is read) is
-    // found by the restore's own parser, run over what is left of the store.
-    void parseRest() {
-        ConfigParser::Ptr parser;
-        if (platformType_ == "Strata") {
-            parser = strataConfigParserFactory();
-        } else {
-            parser = sandConfigParserFactory();
-        }
-        parser->doCopyDocument(store_);
-        std::vector<std::string> lines;
-        {
-            Quiet quiet(lines);
-            try {
-                parser->parse();
-            } catch (const AssertionFailure& e) {
-                add("", std::string("the restore would end on the assertion ") + e.what(),
-                    Consequence::EndsProcess);
-            }
-        }
-        for (const auto& line : lines) {
-            skippedEntry(line);
-        }
-    }
-
-    // Collects level-0 traces, keeps events out of the history and turns assertions into
-    // exceptions, for as long as it lives.
-    class Quiet {
-      public:
-        explicit Quiet(std::vector<std::string>& lines)
-            : sink_(Trace::sink()), levels_(Trace::levels()), handler_(assertionHandler()) {
-            Trace::levelsIs(1);
-            Trace::sinkIs([&lines](std::string_view line) {
-                lines.emplace_back(line.substr(std::string_view("Kestrune:0 ").size()));
-            });
-            assertionHandlerIs(throwAssertionFailure);
-        }
-        ~Quiet() {
-            assertionHandlerIs(handler_);
-            Trace::sinkIs(sink_);
-            Trace::levelsIs(levels_);
-        }
-        Quiet(const Quiet&) = delete;
-        Quiet& operator=(const Quiet&) = delete;
-
-      private:
-        Trace::Sink sink_;
-        std::uint16_t levels_;
-        AssertionHandler handler_;
-        Log::Capture events_;
-    };
-
-    void skippedEntry(const std::string& line) {
-        struct Message {
-            std::string_view prefix;
-            std::string_view suffix;
-            std::string_view section;
-            std::string_view entries;
-        };
-        static constexpr std::array<Message, 9> messages = {{
-            {"doExtractVantInfo Skipping interface ", " as not in config", "Vant",
-             "intfNameToVlanId"},
-            {"doExtractOkuInfo interface ", " not found in config", "Oku", "interfaces"},
-            {"Unexpected interface found in Oku interfaces ", "", "Oku", "interfaces"},
-            {"doExtractOkuInfo Ignoring ", " due to invalid IP", "Oku", "interfaces"},
-            {"Missing ipAddress information for ", "", "Oku", "interfaces"},
-            {"Missing interface ", " in other PStores. Skipping", "Dorvel", "intfMtus"},
-            {"Missing collectDistribute flags for member ", "", "Pell", ""},
-            {"Skipping member ", "", "Pell", "inputIntfLag"},
-            {"Skipping ", "", "Pell", "inputIntfLag"},
-        }};
-        for (const auto& message : messages) {
-            if (!startsWith(line, message.prefix) ||
-                line.size() < message.prefix.size() + message.suffix.size() ||
-                line.compare(line.size() - message.suffix.size(), message.suffix.size(),
-                             message.suffix) != 0) {
-                continue;
-            }
-            std::string name = line.substr(
-                message.prefix.size(), line.size() - message.prefix.size() - message.suffix.size());
-            std::string pointer;
-            if (message.entries.empty()) {
-                pointer = textOfPointer(pointerOf({message.section, "collectDistribute"}));
-            } else if (message.prefix == "Skipping member ") {
-                pointer = memberPointer(name);
-            } else {
-                pointer = textOfPointer(pointerOf({message.section, message.entries, name}));
-            }
-            add(pointer, line, Consequence::SkipsEntry);
-            return;
-        }
-    }
-
-    // "M of L": the member's place in the Port-Channel's member list.
-    std::string memberPointer(const std::string& memberOfLag) const {
-        auto split = memberOfLag.rfind(" of ");
-        std::string name = memberOfLag.substr(0, split);
-        std::string lag = split == std::string::npos ? "" : memberOfLag.substr(split + 4);
-        Pointer members = pointerOf({"Pell", "inputIntfLag", lag, "member"});
-        if (const Value* list = members.Get(store_); list && list->IsArray()) {
-            for (rapidjson::SizeType i = 0; i < list->Size(); ++i) {
-                if ((*list)[i].IsString() && textOf((*list)[i]) == name) {
-                    return textOfPointer(members) + "/" + std::to_string(i);
-                }
-            }
-        }
-        return textOfPointer(members);
-    }
-
     rapidjson::Document& store_;
     std::vector<StoreProblem> problems_;
     std::string platformType_;
     std::set<std::string> pruned_;
-    std::map<std::string, std::vector<std::size_t>> erased_;
+    std::map<std::string, std::vector<std::size_t>> erased_; // sorted original indexes
 };
 
 } // namespace

@@ -90,9 +90,15 @@ void printRecords(std::ostream& out, const Config& config) {
         }
     }
     if (const auto* sand = dynamic_cast<const SandConfig*>(&config)) {
-        out << "\nDriver parameters: oldestFapType=" << sand->oldestFapType()
-            << " maxLags=" << sand->maxLags() << " maxMembersPerLag=" << sand->maxMembersPerLag()
-            << "\nFAP devices:\n";
+        // The attributes Sand adds to the root's: its driver parameters.
+        out << "\nDriver parameters:";
+        const AttributeTable<Config> root = Config().attributes();
+        for (const auto& attribute : sand->attributes()) {
+            if (!attributeNamed(root, attribute.name)) {
+                out << ' ' << attribute.name << '=' << plain(attribute.read(*sand));
+            }
+        }
+        out << "\nFAP devices:\n";
         for (const auto& [name, fap] : sand->sandFapConfig()) {
             out << "  " << fap << '\n';
         }
