@@ -66,7 +66,7 @@ std::string memberPointer(const rapidjson::Document& store, const std::string& m
     auto split = memberOfLag.rfind(" of ");
     std::string name = memberOfLag.substr(0, split);
     std::string lag = split == std::string::npos ? "" : memberOfLag.substr(split + 4);
-    const std::string members = pointerText({"Pell", "inputIntfLag", lag, "member"});
+    std::string members = pointerText({"Pell", "inputIntfLag", lag, "member"});
     const auto* list = rapidjson::Pointer(members.c_str()).Get(store);
     if (list && list->IsArray()) {
         for (rapidjson::SizeType i = 0; i < list->Size(); ++i) {
