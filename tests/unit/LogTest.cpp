@@ -100,7 +100,7 @@ TEST(EventsCommand, PrintsTheHistoryAsJsonAndAsATable) {
         Log::logEvent("Driver", "say \"hi\"");
     });
     int status = -1;
-    std::string json = Testing::runCommand(
+    std::string json = Testing::shellOutput(
         std::string(KESTRUNE_CLI) + " events --json --history " + dir.file("history.db"), &status);
     ASSERT_EQ(status, 0) << json;
     rapidjson::Document document;
@@ -114,7 +114,7 @@ TEST(EventsCommand, PrintsTheHistoryAsJsonAndAsATable) {
     EXPECT_EQ(std::string(second["agent"].GetString()), "Kestrune");
     EXPECT_TRUE(second["time"].IsNumber());
 
-    std::string table = Testing::runCommand(
+    std::string table = Testing::shellOutput(
         std::string(KESTRUNE_CLI) + " events --history " + dir.file("history.db"), &status);
     EXPECT_EQ(status, 0);
     EXPECT_NE(table.find("  ConfigParserCreator  create /x file not present\n"), std::string::npos)
@@ -125,17 +125,17 @@ TEST(EventsCommand, PrintsTheHistoryAsJsonAndAsATable) {
 TEST(EventsCommand, AMissingHistoryIsAClearErrorAndBadUsageIsStatusTwo) {
     TempDir dir;
     int status = -1;
-    std::string output = Testing::runCommand(
+    std::string output = Testing::shellOutput(
         std::string(KESTRUNE_CLI) + " events --history " + dir.file("none.db") + " 2>&1", &status);
     EXPECT_EQ(status, 1);
     EXPECT_EQ(output, "kestrune events: cannot read event history " + dir.file("none.db") +
                           ": No such file or directory\n");
 
-    Testing::runCommand(std::string(KESTRUNE_CLI) + " events --bogus 2>&1", &status);
+    Testing::shellOutput(std::string(KESTRUNE_CLI) + " events --bogus 2>&1", &status);
     EXPECT_EQ(status, 2);
-    Testing::runCommand(std::string(KESTRUNE_CLI) + " 2>&1", &status);
+    Testing::shellOutput(std::string(KESTRUNE_CLI) + " 2>&1", &status);
     EXPECT_EQ(status, 2);
-    std::string help = Testing::runCommand(std::string(KESTRUNE_CLI) + " events --help", &status);
+    std::string help = Testing::shellOutput(std::string(KESTRUNE_CLI) + " events --help", &status);
     EXPECT_EQ(status, 0);
     EXPECT_NE(help.find("--json"), std::string::npos) << help;
 }

@@ -6,7 +6,7 @@
 namespace Kestrune {
 namespace {
 
-using Testing::runCommand;
+using Testing::shellOutput;
 using Testing::TempDir;
 
 std::string cli() {
@@ -19,7 +19,7 @@ std::string example(const std::string& name) {
 rapidjson::Document showJson(const std::string& store) {
     int status = -1;
     std::string out =
-        runCommand(cli() + " show --json --trace 0 " + store + " 2>/dev/null", &status);
+        shellOutput(cli() + " show --json --trace 0 " + store + " 2>/dev/null", &status);
     EXPECT_EQ(status, 0);
     rapidjson::Document document;
     document.Parse(out.c_str());
@@ -118,19 +118,19 @@ TEST(ShowCommand, PrintsBothExamplesWithTheirPlatformRecords) {
 TEST(ShowCommand, TableAndFailures) {
     int status = -1;
     std::string table =
-        runCommand(cli() + " show " + example("strata.json") + " 2>/dev/null", &status);
+        shellOutput(cli() + " show " + example("strata.json") + " 2>/dev/null", &status);
     EXPECT_EQ(status, 0);
     EXPECT_EQ(table.rfind("Strata switch, bridge MAC 02:1c:73:5e:00:01, ", 0), 0U) << table;
     EXPECT_NE(table.find("\nNAME "), std::string::npos);
 
     TempDir dir;
     std::string missing =
-        runCommand(cli() + " show --trace 0 " + dir.file("none.json") + " 2>&1", &status);
+        shellOutput(cli() + " show --trace 0 " + dir.file("none.json") + " 2>&1", &status);
     EXPECT_EQ(status, 1);
     EXPECT_EQ(missing, "Kestrune:0 create " + dir.file("none.json") + " file not present\n" +
                            "kestrune show: " + dir.file("none.json") +
                            ": no store of a known platform (the trace above says why)\n");
-    runCommand(cli() + " show --trace 12 x.json 2>&1", &status);
+    shellOutput(cli() + " show --trace 12 x.json 2>&1", &status);
     EXPECT_EQ(status, 2);
 }
 

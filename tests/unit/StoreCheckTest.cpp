@@ -10,7 +10,7 @@ namespace Kestrune {
 namespace {
 
 using Testing::Family;
-using Testing::runCommand;
+using Testing::shellOutput;
 using Testing::runProcess;
 using Testing::storeWith;
 using Testing::TempDir;
@@ -201,11 +201,11 @@ TEST(CheckCommand, ExitStatusSaysWhetherTheRestoreWouldSucceed) {
     };
     for (const auto& [arguments, expected] : cases) {
         int status = -1;
-        std::string output = runCommand(cli + " " + arguments + " 2>&1", &status);
+        std::string output = shellOutput(cli + " " + arguments + " 2>&1", &status);
         EXPECT_EQ(status, expected) << arguments << "\n" << output;
     }
     int status = -1;
-    std::string json = runCommand(cli + " check --json " + dir.file("fatal.json"), &status);
+    std::string json = shellOutput(cli + " check --json " + dir.file("fatal.json"), &status);
     EXPECT_NE(json.find("\"restore\": \"ends the process\""), std::string::npos) << json;
     EXPECT_NE(json.find("\"pointer\": \"/Oku\""), std::string::npos) << json;
 }

@@ -72,7 +72,7 @@ std::vector<std::string> messagesOf(const std::vector<Event>& events) {
     return messages;
 }
 
-std::string runCommand(const std::string& command, int* status) {
+std::string shellOutput(const std::string& command, int* status) {
     std::string output;
     FILE* pipe = popen(command.c_str(), "r");
     std::array<char, 4096> chunk{};

@@ -39,6 +39,6 @@ struct Outcome {
 Outcome runProcess(const TempDir& dir, const std::function<void()>& body);
 
 std::vector<std::string> messagesOf(const std::vector<Event>& events);
-std::string runCommand(const std::string& command, int* status);
+std::string shellOutput(const std::string& command, int* status);
 
 } // namespace Kestrune::Testing

@@ -1,0 +1,50 @@
+#pragma once
+
+// Command lines run by the restore. No shell is ever involved: a line is split on blanks into
+// the program and its arguments and spawned with posix_spawn, the program searched on PATH
+// when it is a bare name. So no text from the store can start a command of its own.
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Kestrune {
+
+// Values of runCommand's descriptor arguments besides a descriptor of the caller's.
+inline constexpr int commandInherit = -1; // the child shares the caller's stream
+inline constexpr int commandDiscard = -2; // the stream is /dev/null
+inline constexpr int commandNoTimeout = -1;
+
+// The program and its arguments: the words of the line between runs of blanks and tabs.
+std::vector<std::string> commandArgv(std::string_view line);
+
+// A command started with its standard input on a pipe, for tools that read their input
+// (the filter-rule restore). The pipe is a socket, so a tool that stops reading gives a
+// short write instead of a SIGPIPE that would end the restore.
+class CommandInput {
+  public:
+    explicit CommandInput(const std::string& commandLine);
+    ~CommandInput();
+    CommandInput(const CommandInput&) = delete;
+    CommandInput& operator=(const CommandInput&) = delete;
+
+    bool started() const { return pid_ > 0; }
+    // The number of bytes the command's input took: all of them unless it stopped reading.
+    std::size_t write(std::string_view bytes);
+    // Ends the input and waits: the exit status, or -1 when the command could not be waited
+    // for or did not exit normally.
+    int close();
+
+  private:
+    int pid_ = -1;
+    int inputFd_ = -1;
+};
+
+} // namespace Kestrune
+
+// Runs a command line and returns its exit status, or -1 when it could not start, was ended
+// by a signal or ran past timeoutMs. The descriptors become the child's standard input, output
+// and error; commandInherit and commandDiscard as above.
+int runCommand(const std::string& commandLine, int stdinFd = Kestrune::commandInherit,
+               int stdoutFd = Kestrune::commandInherit, int stderrFd = Kestrune::commandInherit,
+               int timeoutMs = Kestrune::commandNoTimeout);

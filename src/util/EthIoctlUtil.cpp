@@ -1,0 +1,117 @@
+#include "util/EthIoctlUtil.h"
+
+#include "util/Assert.h"
+#include "util/KernelName.h"
+#include "util/Namespace.h"
+#include "util/Trace.h"
+
+#include <fcntl.h>
+#include <linux/if.h>
+#include <linux/if_tun.h>
+#include <net/if_arp.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace Kestrune {
+namespace {
+
+bool failed(const std::string& name, const char* step) {
+    TRACE(0) << "createIntf " << name << " " << step << ": " << std::strerror(errno);
+    return false;
+}
+
+bool isZero(const ether_addr& mac) {
+    return std::all_of(std::begin(mac.ether_addr_octet), std::end(mac.ether_addr_octet),
+                       [](std::uint8_t byte) { return byte == 0; });
+}
+
+// The device's settings, made from inside its namespace.
+bool configureTap(int queue, const std::string& name, const ether_addr& mac, bool operStatus) {
+    if (!isZero(mac)) {
+        const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        if (fd < 0) {
+            return failed(name, "socket");
+        }
+        ifreq request{};
+        name.copy(request.ifr_name, IFNAMSIZ - 1);
+        request.ifr_hwaddr.sa_family = ARPHRD_ETHER;
+        std::memcpy(request.ifr_hwaddr.sa_data, mac.ether_addr_octet, ETH_ALEN);
+        const int result = ioctl(fd, SIOCSIFHWADDR, &request);
+        const int error = errno;
+        close(fd);
+        if (result < 0) {
+            errno = error;
+            return failed(name, "MAC address");
+        }
+    }
+    int carrier = operStatus ? 1 : 0;
+    if (ioctl(queue, TUNSETCARRIER, &carrier) < 0) {
+        return failed(name, "carrier");
+    }
+    return true;
+}
+
+} // namespace
+
+EthIoctlUtil::~EthIoctlUtil() {
+    for (const int queue : queues_) {
+        close(queue);
+    }
+}
+
+bool EthIoctlUtil::createIntf(const std::string& name, const ether_addr& mac, bool operStatus,
+                              std::string_view nsName) {
+    TRACE(3) << "createIntf " << name << " in " << nsName;
+    if (!isKernelDeviceName(name)) {
+        TRACE(0) << "createIntf " << name << " is not a kernel device name";
+        return false;
+    }
+    const std::string path = namespacePath(nsName);
+    const int target = path.empty() ? -1 : open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (target < 0) {
+        return failed(name, "namespace");
+    }
+    const int original = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+    const bool entered = original >= 0 && setns(target, CLONE_NEWNET) == 0;
+    close(target);
+    if (!entered) {
+        if (original >= 0) {
+            close(original);
+        }
+        return failed(name, "entering the namespace");
+    }
+
+    bool made = false;
+    const int queue = open("/dev/net/tun", O_RDWR | O_CLOEXEC);
+    if (queue < 0) {
+        failed(name, "/dev/net/tun");
+    } else {
+        ifreq request{};
+        name.copy(request.ifr_name, IFNAMSIZ - 1);
+        request.ifr_flags = IFF_TAP | IFF_NO_PI;
+        if (ioctl(queue, TUNSETIFF, &request) < 0) {
+            failed(name, "TUNSETIFF");
+        } else if (ioctl(queue, TUNSETPERSIST, 1) < 0) {
+            failed(name, "TUNSETPERSIST");
+        } else {
+            made = configureTap(queue, name, mac, operStatus);
+        }
+        if (made) {
+            queues_.push_back(queue);
+        } else {
+            close(queue);
+        }
+    }
+    KESTRUNE_ASSERT_TEXT(setns(original, CLONE_NEWNET) == 0,
+                         "setns back to the thread's previous namespace == 0");
+    close(original);
+    return made;
+}
+
+} // namespace Kestrune

@@ -1,0 +1,212 @@
+#include "util/Namespace.h"
+
+#include "util/Assert.h"
+#include "util/Netlink.h"
+#include "util/Trace.h"
+
+#include <fcntl.h>
+#include <linux/magic.h>
+#include <linux/netlink.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace Kestrune {
+
+std::string namespacePath(std::string_view name) {
+    if (name.empty() || name == "." || name == ".." || name.find('/') != std::string_view::npos ||
+        name.find('\0') != std::string_view::npos) {
+        return {};
+    }
+    std::string path(namespaceDir);
+    path += '/';
+    path += name;
+    return path;
+}
+
+namespace {
+
+constexpr const char* threadNamespace = "/proc/thread-self/ns/net";
+
+// Closes a descriptor when the scope ends.
+class Descriptor {
+  public:
+    explicit Descriptor(int fd) : fd_(fd) {}
+    ~Descriptor() {
+        if (fd_ >= 0) {
+            ::close(fd_);
+        }
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int get() const { return fd_; }
+
+  private:
+    int fd_;
+};
+
+int openNamespace(const char* operation, std::string_view name) {
+    const std::string path = namespacePath(name);
+    if (path.empty()) {
+        TRACE(0) << operation << " " << name << " is not a namespace name";
+        return -1;
+    }
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        TRACE(0) << operation << " cannot open namespace " << path << ": " << std::strerror(errno);
+    }
+    return fd;
+}
+
+bool isNamespaceMount(const std::string& path) {
+    struct statfs filesystem {};
+    return statfs(path.c_str(), &filesystem) == 0 && filesystem.f_type == NSFS_MAGIC;
+}
+
+bool sameFile(int fd, const char* path) {
+    struct stat first {};
+    struct stat second {};
+    return fstat(fd, &first) == 0 && stat(path, &second) == 0 && first.st_dev == second.st_dev &&
+           first.st_ino == second.st_ino;
+}
+
+// The folder is made a shared mount, as `ip netns` makes it, so that a namespace mounted
+// later shows in every mount namespace that shares the folder.
+bool namespaceDirReady(const char* operation) {
+    const std::string dir(namespaceDir);
+    if (mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) {
+        TRACE(0) << operation << " cannot make " << dir << ": " << std::strerror(errno);
+        return false;
+    }
+    if (mount("", dir.c_str(), "none", MS_SHARED | MS_REC, nullptr) == 0) {
+        return true;
+    }
+    // Not a mount point yet: make it one by binding it onto itself.
+    if (errno == EINVAL && mount(dir.c_str(), dir.c_str(), "none", MS_BIND | MS_REC, nullptr) == 0 &&
+        mount("", dir.c_str(), "none", MS_SHARED | MS_REC, nullptr) == 0) {
+        return true;
+    }
+    TRACE(0) << operation << " cannot share " << dir << ": " << std::strerror(errno);
+    return false;
+}
+
+// Binds the thread's namespace onto the file at path, creating the file.
+bool bindThreadNamespace(const char* operation, const std::string& path) {
+    const int file = open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0);
+    if (file < 0) {
+        TRACE(0) << operation << " cannot create " << path << ": " << std::strerror(errno);
+        return false;
+    }
+    ::close(file);
+    if (mount(threadNamespace, path.c_str(), "none", MS_BIND, nullptr) != 0) {
+        TRACE(0) << operation << " cannot mount " << path << ": " << std::strerror(errno);
+        unlink(path.c_str());
+        return false;
+    }
+    return true;
+}
+
+void returnTo(const Descriptor& original) {
+    KESTRUNE_ASSERT_TEXT(setns(original.get(), CLONE_NEWNET) == 0,
+                         "setns back to the thread's previous namespace == 0");
+}
+
+} // namespace
+} // namespace Kestrune
+
+using Kestrune::Descriptor;
+
+int openSocketInNs(int domain, int type, int protocol, std::string_view name) {
+    const Descriptor target(Kestrune::openNamespace("openSocketInNs", name));
+    if (target.get() < 0) {
+        return -1;
+    }
+    const Descriptor original(open(Kestrune::threadNamespace, O_RDONLY | O_CLOEXEC));
+    if (original.get() < 0 || setns(target.get(), CLONE_NEWNET) != 0) {
+        TRACE(0) << "openSocketInNs cannot enter " << name << ": " << std::strerror(errno);
+        return -1;
+    }
+    // Commands the restore runs later must not inherit the namespaces' sockets.
+    const int fd = socket(domain, type | SOCK_CLOEXEC, protocol);
+    const int error = errno;
+    Kestrune::returnTo(original);
+    if (fd < 0) {
+        TRACE(0) << "openSocketInNs socket in " << name << ": " << std::strerror(error);
+    }
+    return fd;
+}
+
+int switchToNs(std::string_view name) {
+    const Descriptor target(Kestrune::openNamespace("switchToNs", name));
+    if (target.get() < 0) {
+        return -1;
+    }
+    if (setns(target.get(), CLONE_NEWNET) != 0) {
+        TRACE(0) << "switchToNs cannot enter " << name << ": " << std::strerror(errno);
+        return -1;
+    }
+    return 0;
+}
+
+int mountDefaultNs() {
+    const std::string path = Kestrune::namespacePath(DEFAULT_NS);
+    if (!Kestrune::namespaceDirReady("mountDefaultNs")) {
+        return -1;
+    }
+    if (Kestrune::isNamespaceMount(path)) {
+        const Descriptor mounted(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        if (Kestrune::sameFile(mounted.get(), Kestrune::threadNamespace)) {
+            return 0;
+        }
+        // Left by a run that started in another namespace: this run's default wins.
+        umount2(path.c_str(), MNT_DETACH);
+    }
+    return Kestrune::bindThreadNamespace("mountDefaultNs", path) ? 0 : -1;
+}
+
+int addNsEvenIfPresent(std::string_view name) {
+    const std::string path = Kestrune::namespacePath(name);
+    if (path.empty()) {
+        TRACE(0) << "addNsEvenIfPresent " << name << " is not a namespace name";
+        return -1;
+    }
+    if (!Kestrune::namespaceDirReady("addNsEvenIfPresent")) {
+        return -1;
+    }
+    if (Kestrune::isNamespaceMount(path)) {
+        return 0;
+    }
+    const Descriptor original(open(Kestrune::threadNamespace, O_RDONLY | O_CLOEXEC));
+    if (original.get() < 0 || unshare(CLONE_NEWNET) != 0) {
+        TRACE(0) << "addNsEvenIfPresent cannot create " << name << ": " << std::strerror(errno);
+        return -1;
+    }
+    const bool bound = Kestrune::bindThreadNamespace("addNsEvenIfPresent", path);
+    Kestrune::returnTo(original);
+    return bound ? 0 : -1;
+}
+
+int moveIntfToNs(std::string_view kernelName, std::string_view fromNs, std::string_view toNs) {
+    const Descriptor destination(Kestrune::openNamespace("moveIntfToNs", toNs));
+    if (destination.get() < 0) {
+        return -1;
+    }
+    const Descriptor netlink(openSocketInNs(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE, fromNs));
+    if (netlink.get() < 0) {
+        return -1;
+    }
+    const int result =
+        Kestrune::Netlink::linkNamespaceIs(netlink.get(), kernelName, destination.get());
+    if (result < 0) {
+        TRACE(0) << "moveIntfToNs " << kernelName << " from " << fromNs << " to " << toNs << ": "
+                 << std::strerror(-result);
+        return -1;
+    }
+    return 0;
+}

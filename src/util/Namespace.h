@@ -1,0 +1,33 @@
+#pragma once
+
+// Named network namespaces, kept the way `ip netns` keeps them: a file under /var/run/netns
+// bind-mounted on the namespace, so operators can `ip netns list` and `ip netns exec` them.
+// Entering a namespace changes the calling thread's namespace only.
+
+#include <string>
+#include <string_view>
+
+// The name under which the namespace the restore started in is known. It equals the
+// `netNsName` the model gives interfaces of the default VRF.
+inline constexpr std::string_view DEFAULT_NS = "default";
+
+namespace Kestrune {
+
+inline constexpr std::string_view namespaceDir = "/var/run/netns";
+
+// The file of a named namespace, or the empty string when the name could leave the folder
+// or is not a file name at all ("", ".", "..", anything with "/").
+std::string namespacePath(std::string_view name);
+
+} // namespace Kestrune
+
+// A socket whose network namespace is `name`; the thread stays in its own. -1 on failure.
+int openSocketInNs(int domain, int type, int protocol, std::string_view name);
+// Enters the named namespace: 0 on success.
+int switchToNs(std::string_view name);
+// Makes the calling thread's namespace reachable as DEFAULT_NS: 0 on success.
+int mountDefaultNs();
+// Creates the named namespace; one that exists already counts as created. 0 on success.
+int addNsEvenIfPresent(std::string_view name);
+// Moves a device from one named namespace to another: 0 on success.
+int moveIntfToNs(std::string_view kernelName, std::string_view fromNs, std::string_view toNs);

@@ -1,0 +1,40 @@
+#pragma once
+
+// rtnetlink requests over a NETLINK_ROUTE socket, built with libmnl in a buffer on the stack.
+// Every request asks for an acknowledgement and waits for it, so a result is the kernel's.
+
+#include <netinet/in.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+// Adds an IPv4 address (scope 0) to an interface. `peer`, when given, is the address of the
+// other end of a point-to-point link. Non-zero on success.
+int netlinkIpv4AddrAdd(int netlinkFd, int ifIndex, const in_addr* address, const in_addr* peer,
+                       int prefixLength, bool secondary);
+// Adds an IPv6 address (scope 0) to an interface. Non-zero on success.
+int netlinkIpv6AddrAdd(int netlinkFd, int ifIndex, const in6_addr* address, int prefixLength);
+// Sets the operational state (IF_OPER_*) of the named link; `sequence` numbers the request.
+// Non-zero on success.
+int linkOperStateSet(int netlinkFd, const char* deviceName, int sequence, int operState);
+
+namespace Kestrune::Netlink {
+
+// Each returns 0 (or the index asked for) on success, or the negative errno the kernel gave.
+
+// The interface index of a device in the socket's namespace.
+int linkIndex(int netlinkFd, std::string_view deviceName);
+// Moves a device of the socket's namespace into the namespace open on namespaceFd.
+int linkNamespaceIs(int netlinkFd, std::string_view deviceName, int namespaceFd);
+// Creates the VLAN device `name` with id `vlanId` on the device with index parentIndex.
+int vlanLinkAdd(int netlinkFd, std::string_view name, int parentIndex, std::uint16_t vlanId);
+// Adds an address of the family (AF_INET, AF_INET6) to an interface, with scope 0.
+int addressAdd(int netlinkFd, std::uint8_t family, int ifIndex, const void* address,
+               std::size_t addressSize, const void* peer, int prefixLength, std::uint8_t flags);
+int operStateIs(int netlinkFd, std::string_view deviceName, std::uint32_t sequence,
+                std::uint8_t operState);
+// Installs a prio root qdisc with handle 1: and the kernel's default priority map.
+int rootPrioQdiscAdd(int netlinkFd, int ifIndex);
+
+} // namespace Kestrune::Netlink

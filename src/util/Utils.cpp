@@ -1,0 +1,229 @@
+#include "util/Utils.h"
+
+#include "util/Assert.h"
+#include "util/Netlink.h"
+#include "util/Trace.h"
+
+#include <arpa/inet.h>
+#include <net/if.h>
+#include <net/if_arp.h>
+#include <sys/ioctl.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+
+namespace {
+
+// A request naming the device, cut to the kernel's name field and always terminated.
+ifreq requestFor(const char* deviceName) {
+    ifreq request{};
+    std::strncpy(request.ifr_name, deviceName, IFNAMSIZ - 1);
+    return request;
+}
+
+// Two hexadecimal digits at most, so a malformed MAC text never reads past its end.
+unsigned char hexByteAt(std::string_view text, std::size_t offset) {
+    unsigned value = 0;
+    for (std::size_t i = offset; i < text.size() && i < offset + 2; ++i) {
+        const char digit = text[i];
+        unsigned nibble = 0;
+        if (digit >= '0' && digit <= '9') {
+            nibble = static_cast<unsigned>(digit - '0');
+        } else if (digit >= 'a' && digit <= 'f') {
+            nibble = static_cast<unsigned>(digit - 'a' + 10);
+        } else if (digit >= 'A' && digit <= 'F') {
+            nibble = static_cast<unsigned>(digit - 'A' + 10);
+        } else {
+            break;
+        }
+        value = value * 16 + nibble;
+    }
+    return static_cast<unsigned char>(value);
+}
+
+} // namespace
+
+void procSysFileWrite(const char* path, int value) {
+    std::FILE* fp = std::fopen(path, "w");
+    KESTRUNE_ASSERT(fp);
+    std::fprintf(fp, "%d", value);
+    std::fclose(fp);
+}
+
+void sysIpv6Disable(const char* deviceName, int value) {
+    char path[256];
+    std::snprintf(path, sizeof path, "/proc/sys/net/ipv6/conf/%s/disable_ipv6", deviceName);
+    procSysFileWrite(path, value);
+}
+
+void sysIpv6Forwarding(const char* deviceName, int value) {
+    char path[256];
+    std::snprintf(path, sizeof path, "/proc/sys/net/ipv6/conf/%s/forwarding", deviceName);
+    procSysFileWrite(path, value);
+}
+
+void sysGlobalIpv6Forwarding(int value) {
+    procSysFileWrite("/proc/sys/net/ipv6/conf/all/forwarding", value);
+}
+
+bool setMacAddress(const char* deviceName, const char* mac, int socketFd) {
+    TRACE(3) << "setMacAddress" << " " << deviceName << " " << mac;
+    ifreq request = requestFor(deviceName);
+    request.ifr_hwaddr.sa_family = ARPHRD_ETHER;
+    const std::string_view text(mac);
+    for (std::size_t i = 0; i < 6; ++i) {
+        request.ifr_hwaddr.sa_data[i] = static_cast<char>(hexByteAt(text, i * 3));
+    }
+    if (ioctl(socketFd, SIOCSIFHWADDR, &request) < 0) {
+        TRACE(0) << "SIOCSIFHWADDR error " << std::strerror(errno) << "\n";
+        return false;
+    }
+    return true;
+}
+
+bool setDevUp(const char* deviceName, int socketFd) {
+    TRACE(3) << "setDevUp" << " " << deviceName;
+    ifreq request = requestFor(deviceName);
+    if (ioctl(socketFd, SIOCGIFFLAGS, &request) < 0) {
+        TRACE(0) << " SIOCGIFFLAGS error " << std::strerror(errno);
+        return false;
+    }
+    request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP);
+    if (ioctl(socketFd, SIOCSIFFLAGS, &request) < 0) {
+        TRACE(0) << " SIOCGIFFLAGS error " << std::strerror(errno);
+        return false;
+    }
+    return true;
+}
+
+bool setMtu(const char* deviceName, unsigned mtu, int socketFd) {
+    TRACE(3) << "setMtu" << " " << deviceName << " MTU=" << mtu;
+    ifreq request = requestFor(deviceName);
+    request.ifr_mtu = static_cast<int>(mtu);
+    if (ioctl(socketFd, SIOCSIFMTU, &request) < 0) {
+        TRACE(0) << " SIOCSIFMTU error " << std::strerror(errno);
+        return false;
+    }
+    return true;
+}
+
+void getAddrAndPrefix(const std::string& text, std::string& address, int& prefixLength) {
+    const std::size_t slash = text.find('/');
+    prefixLength = std::stoi(slash == std::string::npos ? text : text.substr(slash + 1));
+    address = text.substr(0, slash);
+}
+
+namespace {
+
+// The index of the device in the thread's namespace; prints the restore's "not found" text.
+unsigned indexOrReport(const std::string& deviceName) {
+    const unsigned index = if_nametoindex(deviceName.c_str());
+    if (index == 0) {
+        std::printf("Not Found at index\n ");
+    }
+    return index;
+}
+
+} // namespace
+
+bool ipAddrAdd(int netlinkFd, const std::string& deviceName, const std::string& address,
+               bool secondary) {
+    TRACE(3) << "ipAddrAdd" << " " << deviceName << " " << address;
+    const unsigned index = indexOrReport(deviceName);
+    if (index == 0) {
+        return false;
+    }
+    std::string text;
+    int prefixLength = 0;
+    getAddrAndPrefix(address, text, prefixLength);
+    in_addr parsed{};
+    if (inet_pton(AF_INET, text.c_str(), &parsed) != 1) {
+        TRACE(0) << "ipAddrAdd" << " " << deviceName << " not an IPv4 address: " << text;
+        return false;
+    }
+    return netlinkIpv4AddrAdd(netlinkFd, static_cast<int>(index), &parsed, nullptr, prefixLength,
+                              secondary) != 0;
+}
+
+bool ip6AddrAdd(int netlinkFd, const std::string& deviceName, const std::string& address) {
+    TRACE(3) << "ip6AddrAdd" << " " << deviceName << " " << address;
+    const unsigned index = indexOrReport(deviceName);
+    if (index == 0) {
+        return false;
+    }
+    std::string text;
+    int prefixLength = 0;
+    getAddrAndPrefix(address, text, prefixLength);
+    in6_addr parsed{};
+    if (inet_pton(AF_INET6, text.c_str(), &parsed) != 1) {
+        TRACE(0) << "ip6AddrAdd" << " " << deviceName << " not an IPv6 address: " << text;
+        return false;
+    }
+    return netlinkIpv6AddrAdd(netlinkFd, static_cast<int>(index), &parsed, prefixLength) != 0;
+}
+
+int setDeviceOperStatusUp(int netlinkFd, const std::string& deviceName) {
+    return linkOperStateSet(netlinkFd, deviceName.c_str(), 111, 6 /* IF_OPER_UP */);
+}
+
+std::string parentIntfOfSubIntf(const std::string& subIntfName) {
+    const std::size_t dot = subIntfName.find('.');
+    KESTRUNE_ASSERT(dot != std::string::npos);
+    return subIntfName.substr(0, dot);
+}
+
+namespace {
+
+void pciAddress(char (&text)[32], int bus) { std::snprintf(text, sizeof text, "%d:00.0", bus); }
+
+} // namespace
+
+bool schanReadReg(int bus, int block, int index, unsigned reg, unsigned* high, unsigned* low,
+                  bool is32) {
+    char address[32];
+    pciAddress(address, bus);
+    char command[128];
+    std::snprintf(command, sizeof command, "schan %s readreg %d %d %u", address, block, index,
+                  reg);
+    const std::string output = exec(command);
+    if (output.empty()) {
+        return false;
+    }
+    if (is32) {
+        return std::sscanf(output.c_str(), "%x", low) == 1;
+    }
+    return std::sscanf(output.c_str(), "%x %x", high, low) == 2;
+}
+
+bool schanWriteReg(int bus, int block, int index, unsigned reg, unsigned high, unsigned low,
+                   bool is32) {
+    char address[32];
+    pciAddress(address, bus);
+    char command[160];
+    if (is32) {
+        std::snprintf(command, sizeof command, "schan %s writereg %d %d %u %u", address, block,
+                      index, reg, low);
+    } else {
+        std::snprintf(command, sizeof command, "schan %s writereg %d %d %u %u %u", address, block,
+                      index, reg, high, low);
+    }
+    return exec(command).empty();
+}
+
+bool schanReadReg32(int bus, int block, int index, unsigned reg, unsigned* low) {
+    return schanReadReg(bus, block, index, reg, nullptr, low, true);
+}
+
+bool schanReadReg64(int bus, int block, int index, unsigned reg, unsigned* high, unsigned* low) {
+    return schanReadReg(bus, block, index, reg, high, low, false);
+}
+
+bool schanWriteReg32(int bus, int block, int index, unsigned reg, unsigned low) {
+    return schanWriteReg(bus, block, index, reg, 0, low, true);
+}
+
+bool schanWriteReg64(int bus, int block, int index, unsigned reg, unsigned high, unsigned low) {
+    return schanWriteReg(bus, block, index, reg, high, low, false);
+}

@@ -1,0 +1,180 @@
+#include "Scenario.h"
+#include "PrivateNetwork.h"
+
+#include "util/Command.h"
+#include "util/Trace.h"
+#include "util/Utils.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <unistd.h>
+
+namespace Kestrune::Testing {
+namespace {
+
+// A program that records the arguments it was given, NUL-separated, and then its input.
+class Recorder {
+  public:
+    Recorder() {
+        dir_.write("record", "#!/bin/sh\n"
+                             "for argument in \"$@\"; do printf '%s\\0' \"$argument\"; done > \"$0.args\"\n"
+                             "cat > \"$0.input\"\n");
+        std::filesystem::permissions(dir_.file("record"), std::filesystem::perms::owner_all);
+    }
+    std::string program() const { return dir_.file("record"); }
+    std::string marker() const { return dir_.file("pwned"); }
+    std::vector<std::string> arguments() const {
+        std::ifstream file(program() + ".args", std::ios::binary);
+        std::vector<std::string> words;
+        for (std::string word; std::getline(file, word, '\0');) {
+            words.push_back(word);
+        }
+        return words;
+    }
+    std::string input() const {
+        std::ifstream file(program() + ".input", std::ios::binary);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+
+  private:
+    TempDir dir_;
+};
+
+TEST(CommandLine, IsSplitOnBlanksAndTabsOnly) {
+    const struct {
+        const char* line;
+        std::vector<std::string> words;
+    } cases[] = {
+        {"/sbin/tc qdisc add dev et1 root handle 1: prio",
+         {"/sbin/tc", "qdisc", "add", "dev", "et1", "root", "handle", "1:", "prio"}},
+        {"  iptables-restore \t -n  ", {"iptables-restore", "-n"}},
+        {"fab devrole 1 switch", {"fab", "devrole", "1", "switch"}},
+        {"echo 'a b'", {"echo", "'a", "b'"}},
+        {"echo a;b|c$(d)", {"echo", "a;b|c$(d)"}},
+        {"", {}},
+        {" \t ", {}},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(commandArgv(c.line), c.words) << c.line;
+    }
+}
+
+TEST(RunCommand, ReturnsTheExitStatus) {
+    EXPECT_EQ(::runCommand("true"), 0);
+    EXPECT_EQ(::runCommand("false"), 1);
+    EXPECT_EQ(::runCommand("ls\t/nonexistent", commandInherit, commandInherit, commandDiscard), 2);
+}
+
+TEST(RunCommand, AProgramThatCannotStartGivesMinusOne) {
+    std::vector<std::string> traces;
+    Trace::sinkIs([&](std::string_view line) { traces.emplace_back(line); });
+    EXPECT_EQ(::runCommand("kestrune-no-such-program --help"), -1);
+    EXPECT_EQ(::runCommand("/nonexistent/tool"), -1);
+    EXPECT_EQ(::runCommand("   "), -1);
+    Trace::sinkIs({});
+    ASSERT_EQ(traces.size(), 3U);
+    EXPECT_EQ(traces[0], "Kestrune:0 runCommand cannot start kestrune-no-such-program --help: No "
+                         "such file or directory");
+}
+
+TEST(RunCommand, StreamsGoWhereTheArgumentsSay) {
+    const TempDir dir;
+    dir.write("in", "hello\n");
+    const int input = open(dir.file("in").c_str(), O_RDONLY);
+    const int output = open(dir.file("out").c_str(), O_WRONLY | O_CREAT, 0600);
+    EXPECT_EQ(::runCommand("tr a-z A-Z", input, output), 0);
+    close(input);
+    close(output);
+    EXPECT_EQ(firstLineOf(dir.file("out")), "HELLO");
+    // Discarded standard error: nothing of the tool's complaint reaches ours.
+    const std::string printed = stdoutOf([] {
+        EXPECT_EQ(::runCommand("ls /nonexistent", commandInherit, commandDiscard, commandDiscard),
+                  2);
+    });
+    EXPECT_EQ(printed, "");
+}
+
+TEST(RunCommand, ACommandPastItsTimeoutIsKilled) {
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(::runCommand("sleep 10", -1, -1, -1, 100), -1);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    EXPECT_EQ(::runCommand("sleep 0", -1, -1, -1, 5000), 0);
+}
+
+TEST(Exec, CollectsEverythingTheCommandWrites) {
+    const std::string line(1000, 'x');
+    const std::string output = exec(("printf %s\\n " + line + " " + line).c_str());
+    EXPECT_EQ(output, line + "\n" + line + "\n");
+    EXPECT_EQ(exec("true"), "");
+}
+
+TEST(Exec, ACommandThatCannotStartIsReportedOnStandardOutput) {
+    std::string output = "not run";
+    EXPECT_EQ(stdoutOf([&] { output = exec("kestrune-no-such-program readreg 1"); }),
+              "Unable to run cmd: kestrune-no-such-program readreg 1");
+    EXPECT_EQ(output, "");
+}
+
+TEST(CommandInput, FeedsTheTextToTheCommand) {
+    const Recorder recorder;
+    CommandInput command(recorder.program() + " -n");
+    ASSERT_TRUE(command.started());
+    const std::string rules = "*filter\n-A INPUT -p tcp --dport 179 -j ACCEPT\nCOMMIT\n";
+    EXPECT_EQ(command.write(rules), rules.size());
+    EXPECT_EQ(command.close(), 0);
+    EXPECT_EQ(recorder.input(), rules);
+    EXPECT_EQ(recorder.arguments(), std::vector<std::string>{"-n"});
+}
+
+TEST(CommandInput, ACommandThatStopsReadingGivesAShortWriteNotASignal) {
+    CommandInput command("true");
+    ASSERT_TRUE(command.started());
+    usleep(100 * 1000);
+    const std::string big(1 << 20, 'r');
+    EXPECT_LT(command.write(big), big.size());
+    EXPECT_EQ(command.close(), 0);
+    EXPECT_FALSE(CommandInput("kestrune-no-such-program -n").started());
+}
+
+// Text from the store (interface names, namespace names) may hold anything. Whatever it holds,
+// the one program named runs with the words as its arguments, and no shell ever reads them.
+TEST(CommandLine, ShellTextInAnyCommandRunsNothingButTheNamedProgram) {
+    const Recorder recorder;
+    const std::string marker = recorder.marker();
+    const std::string hostile[] = {
+        "et1;touch " + marker,
+        "$(touch " + marker + ")",
+        "`touch " + marker + "`",
+        "et1|touch " + marker,
+        "et1&&touch " + marker,
+        "et1>" + marker,
+        "et1\ntouch " + marker,
+        "'; touch " + marker + "; '",
+        "* ~ ${HOME} !! \\",
+        "Ethernet 1/1 . 100",
+    };
+    for (const std::string& text : hostile) {
+        const std::string line = recorder.program() + " dev " + text + " root";
+        std::vector<std::string> expected = commandArgv(line);
+        expected.erase(expected.begin());
+
+        EXPECT_EQ(::runCommand(line, commandDiscard), 0) << text;
+        EXPECT_EQ(recorder.arguments(), expected) << text;
+        exec(line.c_str());
+        EXPECT_EQ(recorder.arguments(), expected) << text;
+        CommandInput input(line);
+        input.write(text);
+        EXPECT_EQ(input.close(), 0) << text;
+        EXPECT_EQ(recorder.arguments(), expected) << text;
+        EXPECT_EQ(recorder.input(), text) << text;
+        EXPECT_FALSE(std::filesystem::exists(marker)) << text;
+    }
+}
+
+} // namespace
+} // namespace Kestrune::Testing
