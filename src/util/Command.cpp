@@ -3,6 +3,10 @@
 #include "util/Trace.h"
 #include "util/Utils.h"
 
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -11,12 +15,6 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <array>
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-
 
 namespace Kestrune {
 namespace {
@@ -34,7 +32,8 @@ void streamOf(posix_spawn_file_actions_t* actions, int fd, int target) {
 pid_t spawn(const std::string& commandLine, int stdinFd, int stdoutFd, int stderrFd) {
     const std::vector<std::string> words = commandArgv(commandLine);
     if (words.empty()) {
-        TRACE(0) << "runCommand" << " empty command line";
+        TRACE(0) << "runCommand"
+                 << " empty command line";
         return -1;
     }
     std::vector<char*> argv;
@@ -66,11 +65,12 @@ pid_t spawn(const std::string& commandLine, int stdinFd, int stdoutFd, int stder
     posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
     if (error != 0) {
-        TRACE(0) << "runCommand" << " cannot start " << commandLine << ": "
-                 << std::strerror(error);
+        TRACE(0) << "runCommand"
+                 << " cannot start " << commandLine << ": " << std::strerror(error);
         return -1;
     }
-    TRACE(9) << "runCommand" << " started " << commandLine << " pid " << pid;
+    TRACE(9) << "runCommand"
+             << " started " << commandLine << " pid " << pid;
     return pid;
 }
 
@@ -134,8 +134,8 @@ std::vector<std::string> commandArgv(std::string_view line) {
 CommandInput::CommandInput(const std::string& commandLine) {
     std::array<int, 2> ends{-1, -1};
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
-        TRACE(0) << "runCommand" << " cannot make a pipe for " << commandLine << ": "
-                 << std::strerror(errno);
+        TRACE(0) << "runCommand"
+                 << " cannot make a pipe for " << commandLine << ": " << std::strerror(errno);
         return;
     }
     // The command only reads; shutting our reading side tells it so.
@@ -149,13 +149,15 @@ CommandInput::CommandInput(const std::string& commandLine) {
     }
 }
 
-CommandInput::~CommandInput() { close(); }
+CommandInput::~CommandInput() {
+    close();
+}
 
 std::size_t CommandInput::write(std::string_view bytes) {
     std::size_t written = 0;
     while (inputFd_ >= 0 && written < bytes.size()) {
-        const auto sent = send(inputFd_, bytes.data() + written, bytes.size() - written,
-                               MSG_NOSIGNAL);
+        const auto sent =
+            send(inputFd_, bytes.data() + written, bytes.size() - written, MSG_NOSIGNAL);
         if (sent < 0) {
             if (errno == EINTR) {
                 continue;
@@ -202,8 +204,8 @@ std::string exec(const char* command) {
         std::printf("Unable to run cmd: %s", command);
         return {};
     }
-    const pid_t pid = Kestrune::spawn(command, Kestrune::commandInherit, ends[1],
-                                      Kestrune::commandInherit);
+    const pid_t pid =
+        Kestrune::spawn(command, Kestrune::commandInherit, ends[1], Kestrune::commandInherit);
     close(ends[1]);
     if (pid < 0) {
         close(ends[0]);

@@ -1,22 +1,19 @@
 #include "util/EthIoctlUtil.h"
 
-#include "util/Assert.h"
 #include "util/KernelName.h"
 #include "util/Namespace.h"
 #include "util/Trace.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <linux/if.h>
 #include <linux/if_tun.h>
 #include <net/if_arp.h>
-#include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <cstring>
 
 namespace Kestrune {
 namespace {
@@ -72,19 +69,9 @@ bool EthIoctlUtil::createIntf(const std::string& name, const ether_addr& mac, bo
         TRACE(0) << "createIntf " << name << " is not a kernel device name";
         return false;
     }
-    const std::string path = namespacePath(nsName);
-    const int target = path.empty() ? -1 : open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (target < 0) {
-        return failed(name, "namespace");
-    }
-    const int original = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
-    const bool entered = original >= 0 && setns(target, CLONE_NEWNET) == 0;
-    close(target);
-    if (!entered) {
-        if (original >= 0) {
-            close(original);
-        }
-        return failed(name, "entering the namespace");
+    const NamespaceVisit visit("createIntf", nsName);
+    if (!visit.entered()) {
+        return false;
     }
 
     bool made = false;
@@ -108,9 +95,6 @@ bool EthIoctlUtil::createIntf(const std::string& name, const ether_addr& mac, bo
             close(queue);
         }
     }
-    KESTRUNE_ASSERT_TEXT(setns(original, CLONE_NEWNET) == 0,
-                         "setns back to the thread's previous namespace == 0");
-    close(original);
     return made;
 }
 

@@ -1,8 +1,7 @@
 #pragma once
 
-#include <net/ethernet.h>
-
 #include <memory>
+#include <net/ethernet.h>
 #include <string>
 #include <string_view>
 #include <vector>

@@ -35,8 +35,9 @@ void HardwareFeatureStatus::doPopulate() {
         }
         const std::size_t equals = text.find('=');
         const std::string_view name = trimmed(text.substr(0, equals));
-        const std::string_view value =
-            equals == std::string_view::npos ? std::string_view{} : trimmed(text.substr(equals + 1));
+        const std::string_view value = equals == std::string_view::npos
+                                           ? std::string_view{}
+                                           : trimmed(text.substr(equals + 1));
         if (equals == std::string_view::npos || name.empty() || (value != "0" && value != "1")) {
             TRACE(0) << "HardwareFeatureStatus " << path_ << ":" << number
                      << " expected name=0 or name=1, found \"" << line << "\"";

@@ -34,7 +34,9 @@ constexpr std::array<Prefix, 4> prefixes{{
     {"Management", "ma"},
 }};
 
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
+bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
 
 void appendKernelForm(std::string& out, std::string_view text) {
     for (const char c : text) {

@@ -4,6 +4,8 @@
 #include "util/Netlink.h"
 #include "util/Trace.h"
 
+#include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <linux/magic.h>
 #include <linux/netlink.h>
@@ -13,9 +15,6 @@
 #include <sys/stat.h>
 #include <sys/vfs.h>
 #include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
 
 namespace Kestrune {
 
@@ -88,7 +87,8 @@ bool namespaceDirReady(const char* operation) {
         return true;
     }
     // Not a mount point yet: make it one by binding it onto itself.
-    if (errno == EINVAL && mount(dir.c_str(), dir.c_str(), "none", MS_BIND | MS_REC, nullptr) == 0 &&
+    if (errno == EINVAL &&
+        mount(dir.c_str(), dir.c_str(), "none", MS_BIND | MS_REC, nullptr) == 0 &&
         mount("", dir.c_str(), "none", MS_SHARED | MS_REC, nullptr) == 0) {
         return true;
     }
@@ -112,32 +112,44 @@ bool bindThreadNamespace(const char* operation, const std::string& path) {
     return true;
 }
 
-void returnTo(const Descriptor& original) {
-    KESTRUNE_ASSERT_TEXT(setns(original.get(), CLONE_NEWNET) == 0,
-                         "setns back to the thread's previous namespace == 0");
+} // namespace
+
+NamespaceVisit::NamespaceVisit(const char* operation, std::string_view name) {
+    const Descriptor target(openNamespace(operation, name));
+    if (target.get() < 0) {
+        return;
+    }
+    original_ = open(threadNamespace, O_RDONLY | O_CLOEXEC);
+    if (original_ < 0 || setns(target.get(), CLONE_NEWNET) != 0) {
+        TRACE(0) << operation << " cannot enter " << name << ": " << std::strerror(errno);
+        return;
+    }
+    entered_ = true;
 }
 
-} // namespace
+NamespaceVisit::~NamespaceVisit() {
+    if (entered_) {
+        KESTRUNE_ASSERT_TEXT(setns(original_, CLONE_NEWNET) == 0,
+                             "setns back to the thread's previous namespace == 0");
+    }
+    if (original_ >= 0) {
+        ::close(original_);
+    }
+}
+
 } // namespace Kestrune
 
 using Kestrune::Descriptor;
 
 int openSocketInNs(int domain, int type, int protocol, std::string_view name) {
-    const Descriptor target(Kestrune::openNamespace("openSocketInNs", name));
-    if (target.get() < 0) {
-        return -1;
-    }
-    const Descriptor original(open(Kestrune::threadNamespace, O_RDONLY | O_CLOEXEC));
-    if (original.get() < 0 || setns(target.get(), CLONE_NEWNET) != 0) {
-        TRACE(0) << "openSocketInNs cannot enter " << name << ": " << std::strerror(errno);
+    const Kestrune::NamespaceVisit visit("openSocketInNs", name);
+    if (!visit.entered()) {
         return -1;
     }
     // Commands the restore runs later must not inherit the namespaces' sockets.
     const int fd = socket(domain, type | SOCK_CLOEXEC, protocol);
-    const int error = errno;
-    Kestrune::returnTo(original);
     if (fd < 0) {
-        TRACE(0) << "openSocketInNs socket in " << name << ": " << std::strerror(error);
+        TRACE(0) << "openSocketInNs socket in " << name << ": " << std::strerror(errno);
     }
     return fd;
 }
@@ -188,7 +200,8 @@ int addNsEvenIfPresent(std::string_view name) {
         return -1;
     }
     const bool bound = Kestrune::bindThreadNamespace("addNsEvenIfPresent", path);
-    Kestrune::returnTo(original);
+    KESTRUNE_ASSERT_TEXT(setns(original.get(), CLONE_NEWNET) == 0,
+                         "setns back to the thread's previous namespace == 0");
     return bound ? 0 : -1;
 }
 

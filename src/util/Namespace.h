@@ -19,6 +19,24 @@ inline constexpr std::string_view namespaceDir = "/var/run/netns";
 // or is not a file name at all ("", ".", "..", anything with "/").
 std::string namespacePath(std::string_view name);
 
+// Puts the calling thread into a named namespace for the life of the object, then back into
+// the namespace it was in. Failing to get back ends the process: the thread would go on
+// configuring the wrong namespace.
+class NamespaceVisit {
+  public:
+    // `operation` names the caller in the trace of a failure to enter.
+    NamespaceVisit(const char* operation, std::string_view name);
+    ~NamespaceVisit();
+    NamespaceVisit(const NamespaceVisit&) = delete;
+    NamespaceVisit& operator=(const NamespaceVisit&) = delete;
+
+    bool entered() const { return entered_; }
+
+  private:
+    int original_ = -1;
+    bool entered_ = false;
+};
+
 } // namespace Kestrune
 
 // A socket whose network namespace is `name`; the thread stays in its own. -1 on failure.

@@ -4,13 +4,12 @@
 #include "util/Netlink.h"
 #include "util/Trace.h"
 
-#include <linux/netlink.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <linux/netlink.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 namespace {
 
@@ -23,8 +22,8 @@ int failed(const char* operation, std::string_view name, const char* what, int r
 
 int makeVlanDevice(std::string_view parent, std::string_view name, int vlanId, int netlinkFd,
                    std::string_view nsName) {
-    TRACE(9) << "makeVlanDevice" << " " << name << " id " << vlanId << " on " << parent << " in "
-             << nsName;
+    TRACE(9) << "makeVlanDevice"
+             << " " << name << " id " << vlanId << " on " << parent << " in " << nsName;
     int fd = netlinkFd;
     if (fd < 0) {
         fd = openSocketInNs(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE, nsName);
@@ -38,7 +37,8 @@ int makeVlanDevice(std::string_view parent, std::string_view name, int vlanId, i
     } else if (vlanId < 0 || vlanId > UINT16_MAX) {
         result = failed("makeVlanDevice", name, "VLAN id", -ERANGE);
     } else {
-        result = Kestrune::Netlink::vlanLinkAdd(fd, name, result, static_cast<std::uint16_t>(vlanId));
+        result =
+            Kestrune::Netlink::vlanLinkAdd(fd, name, result, static_cast<std::uint16_t>(vlanId));
         if (result < 0) {
             failed("makeVlanDevice", name, "create", result);
         }

@@ -2,18 +2,17 @@
 
 #include "util/Trace.h"
 
+#include <array>
+#include <cerrno>
+#include <cstring>
 #include <libmnl/libmnl.h>
 #include <linux/if.h>
 #include <linux/if_addr.h>
 #include <linux/if_link.h>
 #include <linux/pkt_sched.h>
 #include <linux/rtnetlink.h>
-#include <sys/socket.h>
-
-#include <array>
-#include <cerrno>
-#include <cstring>
 #include <string>
+#include <sys/socket.h>
 
 namespace Kestrune::Netlink {
 namespace {
@@ -208,10 +207,9 @@ int traced(const char* operation, int result) {
 
 int netlinkIpv4AddrAdd(int netlinkFd, int ifIndex, const in_addr* address, const in_addr* peer,
                        int prefixLength, bool secondary) {
-    return traced("netlinkIpv4AddrAdd",
-                  Kestrune::Netlink::addressAdd(netlinkFd, AF_INET, ifIndex, address,
-                                                sizeof *address, peer, prefixLength,
-                                                secondary ? IFA_F_SECONDARY : 0));
+    return traced("netlinkIpv4AddrAdd", Kestrune::Netlink::addressAdd(
+                                            netlinkFd, AF_INET, ifIndex, address, sizeof *address,
+                                            peer, prefixLength, secondary ? IFA_F_SECONDARY : 0));
 }
 
 int netlinkIpv6AddrAdd(int netlinkFd, int ifIndex, const in6_addr* address, int prefixLength) {

@@ -3,10 +3,9 @@
 // rtnetlink requests over a NETLINK_ROUTE socket, built with libmnl in a buffer on the stack.
 // Every request asks for an acknowledgement and waits for it, so a result is the kernel's.
 
-#include <netinet/in.h>
-
 #include <cstddef>
 #include <cstdint>
+#include <netinet/in.h>
 #include <string_view>
 
 // Adds an IPv4 address (scope 0) to an interface. `peer`, when given, is the address of the

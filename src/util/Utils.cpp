@@ -5,14 +5,13 @@
 #include "util/Trace.h"
 
 #include <arpa/inet.h>
-#include <net/if.h>
-#include <net/if_arp.h>
-#include <sys/ioctl.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <net/if.h>
+#include <net/if_arp.h>
 #include <string_view>
+#include <sys/ioctl.h>
 
 namespace {
 
@@ -69,7 +68,8 @@ void sysGlobalIpv6Forwarding(int value) {
 }
 
 bool setMacAddress(const char* deviceName, const char* mac, int socketFd) {
-    TRACE(3) << "setMacAddress" << " " << deviceName << " " << mac;
+    TRACE(3) << "setMacAddress"
+             << " " << deviceName << " " << mac;
     ifreq request = requestFor(deviceName);
     request.ifr_hwaddr.sa_family = ARPHRD_ETHER;
     const std::string_view text(mac);
@@ -84,7 +84,8 @@ bool setMacAddress(const char* deviceName, const char* mac, int socketFd) {
 }
 
 bool setDevUp(const char* deviceName, int socketFd) {
-    TRACE(3) << "setDevUp" << " " << deviceName;
+    TRACE(3) << "setDevUp"
+             << " " << deviceName;
     ifreq request = requestFor(deviceName);
     if (ioctl(socketFd, SIOCGIFFLAGS, &request) < 0) {
         TRACE(0) << " SIOCGIFFLAGS error " << std::strerror(errno);
@@ -99,7 +100,8 @@ bool setDevUp(const char* deviceName, int socketFd) {
 }
 
 bool setMtu(const char* deviceName, unsigned mtu, int socketFd) {
-    TRACE(3) << "setMtu" << " " << deviceName << " MTU=" << mtu;
+    TRACE(3) << "setMtu"
+             << " " << deviceName << " MTU=" << mtu;
     ifreq request = requestFor(deviceName);
     request.ifr_mtu = static_cast<int>(mtu);
     if (ioctl(socketFd, SIOCSIFMTU, &request) < 0) {
@@ -130,7 +132,8 @@ unsigned indexOrReport(const std::string& deviceName) {
 
 bool ipAddrAdd(int netlinkFd, const std::string& deviceName, const std::string& address,
                bool secondary) {
-    TRACE(3) << "ipAddrAdd" << " " << deviceName << " " << address;
+    TRACE(3) << "ipAddrAdd"
+             << " " << deviceName << " " << address;
     const unsigned index = indexOrReport(deviceName);
     if (index == 0) {
         return false;
@@ -140,7 +143,8 @@ bool ipAddrAdd(int netlinkFd, const std::string& deviceName, const std::string& 
     getAddrAndPrefix(address, text, prefixLength);
     in_addr parsed{};
     if (inet_pton(AF_INET, text.c_str(), &parsed) != 1) {
-        TRACE(0) << "ipAddrAdd" << " " << deviceName << " not an IPv4 address: " << text;
+        TRACE(0) << "ipAddrAdd"
+                 << " " << deviceName << " not an IPv4 address: " << text;
         return false;
     }
     return netlinkIpv4AddrAdd(netlinkFd, static_cast<int>(index), &parsed, nullptr, prefixLength,
@@ -148,7 +152,8 @@ bool ipAddrAdd(int netlinkFd, const std::string& deviceName, const std::string& 
 }
 
 bool ip6AddrAdd(int netlinkFd, const std::string& deviceName, const std::string& address) {
-    TRACE(3) << "ip6AddrAdd" << " " << deviceName << " " << address;
+    TRACE(3) << "ip6AddrAdd"
+             << " " << deviceName << " " << address;
     const unsigned index = indexOrReport(deviceName);
     if (index == 0) {
         return false;
@@ -158,7 +163,8 @@ bool ip6AddrAdd(int netlinkFd, const std::string& deviceName, const std::string&
     getAddrAndPrefix(address, text, prefixLength);
     in6_addr parsed{};
     if (inet_pton(AF_INET6, text.c_str(), &parsed) != 1) {
-        TRACE(0) << "ip6AddrAdd" << " " << deviceName << " not an IPv6 address: " << text;
+        TRACE(0) << "ip6AddrAdd"
+                 << " " << deviceName << " not an IPv6 address: " << text;
         return false;
     }
     return netlinkIpv6AddrAdd(netlinkFd, static_cast<int>(index), &parsed, prefixLength) != 0;
@@ -176,7 +182,9 @@ std::string parentIntfOfSubIntf(const std::string& subIntfName) {
 
 namespace {
 
-void pciAddress(char (&text)[32], int bus) { std::snprintf(text, sizeof text, "%d:00.0", bus); }
+void pciAddress(char (&text)[32], int bus) {
+    std::snprintf(text, sizeof text, "%d:00.0", bus);
+}
 
 } // namespace
 
@@ -185,8 +193,7 @@ bool schanReadReg(int bus, int block, int index, unsigned reg, unsigned* high, u
     char address[32];
     pciAddress(address, bus);
     char command[128];
-    std::snprintf(command, sizeof command, "schan %s readreg %d %d %u", address, block, index,
-                  reg);
+    std::snprintf(command, sizeof command, "schan %s readreg %d %d %u", address, block, index, reg);
     const std::string output = exec(command);
     if (output.empty()) {
         return false;

@@ -1,14 +1,12 @@
 #include "PrivateNetwork.h"
 #include "Scenario.h"
-
 #include "util/Utils.h"
-
-#include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <csignal>
 #include <functional>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 namespace Kestrune::Testing {
 namespace {

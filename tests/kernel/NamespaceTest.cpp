@@ -1,17 +1,16 @@
-#include "PrivateNetwork.h"
-
-#include "util/EthIoctlUtil.h"
 #include "util/Namespace.h"
+
+#include "PrivateNetwork.h"
+#include "util/EthIoctlUtil.h"
 
 #include <gtest/gtest.h>
 #include <linux/sockios.h>
 #include <netinet/ether.h>
+#include <string>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <string>
 
 namespace Kestrune::Testing {
 namespace {
@@ -23,7 +22,9 @@ ino_t inodeOf(const std::string& path) {
     return stat(path.c_str(), &status) == 0 ? status.st_ino : 0;
 }
 
-ino_t threadNamespace() { return inodeOf("/proc/thread-self/ns/net"); }
+ino_t threadNamespace() {
+    return inodeOf("/proc/thread-self/ns/net");
+}
 
 // The namespace a socket was opened in, as the kernel tells it.
 ino_t namespaceOfSocket(int fd) {

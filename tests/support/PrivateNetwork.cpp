@@ -3,19 +3,18 @@
 #include "util/Json.h"
 #include "util/Trace.h"
 
-#include <fcntl.h>
-#include <sched.h>
-#include <spawn.h>
-#include <sys/mount.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <fstream>
+#include <sched.h>
+#include <spawn.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace Kestrune::Testing {
 
@@ -76,7 +75,8 @@ std::string outputOf(const std::vector<std::string>& argv, int* status) {
     close(ends[1]);
     std::string output;
     std::array<char, 4096> piece{};
-    for (ssize_t count = 0; error == 0 && (count = read(ends[0], piece.data(), piece.size())) > 0;) {
+    for (ssize_t count = 0;
+         error == 0 && (count = read(ends[0], piece.data(), piece.size())) > 0;) {
         output.append(piece.data(), static_cast<std::size_t>(count));
     }
     close(ends[0]);
@@ -93,7 +93,8 @@ std::string outputOf(const std::vector<std::string>& argv, int* status) {
 void run(const std::vector<std::string>& argv) {
     int status = 0;
     outputOf(argv, &status);
-    ASSERT_EQ(status, 0) << "setting up failed: " << argv[0] << " " << (argv.size() > 1 ? argv[1] : "");
+    ASSERT_EQ(status, 0) << "setting up failed: " << argv[0] << " "
+                         << (argv.size() > 1 ? argv[1] : "");
 }
 
 namespace {

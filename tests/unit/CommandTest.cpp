@@ -1,16 +1,15 @@
-#include "Scenario.h"
-#include "PrivateNetwork.h"
-
 #include "util/Command.h"
+
+#include "PrivateNetwork.h"
+#include "Scenario.h"
 #include "util/Trace.h"
 #include "util/Utils.h"
-
-#include <gtest/gtest.h>
 
 #include <chrono>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <gtest/gtest.h>
 #include <sstream>
 #include <unistd.h>
 
@@ -21,9 +20,10 @@ namespace {
 class Recorder {
   public:
     Recorder() {
-        dir_.write("record", "#!/bin/sh\n"
-                             "for argument in \"$@\"; do printf '%s\\0' \"$argument\"; done > \"$0.args\"\n"
-                             "cat > \"$0.input\"\n");
+        dir_.write("record",
+                   "#!/bin/sh\n"
+                   "for argument in \"$@\"; do printf '%s\\0' \"$argument\"; done > \"$0.args\"\n"
+                   "cat > \"$0.input\"\n");
         std::filesystem::permissions(dir_.file("record"), std::filesystem::perms::owner_all);
     }
     std::string program() const { return dir_.file("record"); }
@@ -147,15 +147,9 @@ TEST(CommandLine, ShellTextInAnyCommandRunsNothingButTheNamedProgram) {
     const Recorder recorder;
     const std::string marker = recorder.marker();
     const std::string hostile[] = {
-        "et1;touch " + marker,
-        "$(touch " + marker + ")",
-        "`touch " + marker + "`",
-        "et1|touch " + marker,
-        "et1&&touch " + marker,
-        "et1>" + marker,
-        "et1\ntouch " + marker,
-        "'; touch " + marker + "; '",
-        "* ~ ${HOME} !! \\",
+        "et1;touch " + marker,  "$(touch " + marker + ")",    "`touch " + marker + "`",
+        "et1|touch " + marker,  "et1&&touch " + marker,       "et1>" + marker,
+        "et1\ntouch " + marker, "'; touch " + marker + "; '", "* ~ ${HOME} !! \\",
         "Ethernet 1/1 . 100",
     };
     for (const std::string& text : hostile) {

@@ -1,15 +1,14 @@
-#include "Scenario.h"
-
-#include "util/HardwareFeatureStatus.h"
-#include "util/Trace.h"
 #include "util/Utils.h"
 
-#include <gtest/gtest.h>
+#include "Scenario.h"
+#include "util/HardwareFeatureStatus.h"
+#include "util/Trace.h"
 
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <gtest/gtest.h>
 #include <stdexcept>
 
 namespace Kestrune::Testing {

@@ -1,14 +1,13 @@
-#include "PrivateNetwork.h"
-
-#include "util/Command.h"
 #include "util/NetDevice.h"
+
+#include "PrivateNetwork.h"
+#include "util/Command.h"
 #include "util/Namespace.h"
 
+#include <cerrno>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include <cerrno>
 
 namespace Kestrune::Testing {
 namespace {
