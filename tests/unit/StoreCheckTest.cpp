@@ -10,8 +10,8 @@ namespace Kestrune {
 namespace {
 
 using Testing::Family;
-using Testing::shellOutput;
 using Testing::runProcess;
+using Testing::shellOutput;
 using Testing::storeWith;
 using Testing::TempDir;
 
