@@ -181,7 +181,7 @@ int CommandInput::close() {
     if (waitFor(pid, &status) != 0) {
         return -1;
     }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 } // namespace Kestrune

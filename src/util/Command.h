@@ -31,8 +31,8 @@ class CommandInput {
     bool started() const { return pid_ > 0; }
     // The number of bytes the command's input took: all of them unless it stopped reading.
     std::size_t write(std::string_view bytes);
-    // Ends the input and waits: the exit status, or -1 when the command could not be waited
-    // for or did not exit normally.
+    // Ends the input and waits: the exit status (128 + the signal for a command a signal
+    // ended), or -1 when the command could not be waited for.
     int close();
 
   private:

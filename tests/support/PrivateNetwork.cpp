@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fcntl.h>
 #include <fstream>
 #include <sched.h>
@@ -183,8 +184,8 @@ std::string firstLineOf(const std::string& path) {
 
 std::string stdoutOf(const std::function<void()>& body) {
     std::fflush(stdout);
-    char pattern[] = "/tmp/kestrune-stdout-XXXXXX";
-    const int capture = mkstemp(pattern);
+    std::string pattern = std::filesystem::temp_directory_path() / "kestrune-stdout-XXXXXX";
+    const int capture = mkstemp(pattern.data());
     const int saved = dup(STDOUT_FILENO);
     dup2(capture, STDOUT_FILENO);
     body();
@@ -198,7 +199,7 @@ std::string stdoutOf(const std::function<void()>& body) {
         output.append(piece.data(), static_cast<std::size_t>(count));
     }
     close(capture);
-    unlink(pattern);
+    unlink(pattern.c_str());
     return output;
 }
 

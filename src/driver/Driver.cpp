@@ -1,0 +1,182 @@
+#include "driver/Driver.h"
+
+#include "log/Log.h"
+#include "model/VlanInterface.h"
+#include "util/Assert.h"
+#include "util/KernelName.h"
+#include "util/Namespace.h"
+#include "util/NetDevice.h"
+#include "util/Trace.h"
+#include "util/Utils.h"
+
+#include <sys/socket.h>
+
+namespace Kestrune {
+
+namespace {
+
+template <class Map, class Key>
+auto valueOr(const Map& map, const Key& key, typename Map::mapped_type absent) {
+    const auto found = map.find(key);
+    return found == map.end() ? absent : found->second;
+}
+
+// Pass 1 makes ports, pass 2 LAGs, pass 3 what sits on them (subinterfaces) or on "fabric"
+// (SVIs): every parent exists before its children are tried.
+int passOf(InterfaceType type) {
+    switch (type) {
+    case InterfaceType::L2_:
+    case InterfaceType::RoutedPort_:
+        return 1;
+    case InterfaceType::Lag_:
+    case InterfaceType::LagRouted_:
+        return 2;
+    default:
+        return 3;
+    }
+}
+
+} // namespace
+
+int Driver::sockFd(const NamespaceName& ns) const {
+    return valueOr(sockFd_, ns, 0);
+}
+
+int Driver::netlinkFd(const NamespaceName& ns) const {
+    return valueOr(netlinkFd_, ns, 0);
+}
+
+bool Driver::created(const std::string& name) const {
+    return valueOr(created_, name, false);
+}
+
+bool Driver::doInit() {
+    TRACE(3) << "Driver::"
+             << "doInit";
+    vrfCreateIs();
+    vrfCreate_->doInit(config_);
+    for (const auto& [name, flag] : vrfCreate_->netNsName()) {
+        const NamespaceName ns(name);
+        sockFdIs(ns, openSocketInNs(AF_INET, SOCK_DGRAM, 0, ns));
+        netlinkFdIs(ns, openSocketInNs(AF_NETLINK, SOCK_DGRAM, 0, ns));
+    }
+    sockFdIs(DEFAULT_NS, openSocketInNs(AF_INET, SOCK_DGRAM, 0, DEFAULT_NS));
+    netlinkFdIs(DEFAULT_NS, openSocketInNs(AF_NETLINK, SOCK_DGRAM, 0, DEFAULT_NS));
+    return true;
+}
+
+void Driver::doCreateKernelInterfaces() {
+    TRACE(3) << "doCreateKernelInterfaces";
+    createIntfsInDefaultNs();
+    moveIntfsToCorrectNs();
+    configureIntfsInNs();
+    configureIptablesRules();
+}
+
+void Driver::createdWith(const Interface& intf, bool made) {
+    if (made) {
+        TRACE(0) << "Created Kernel interface for " << intf.name();
+    } else {
+        TRACE(0) << "Unable to create Kernel interface for " << intf.name();
+        eventIs("Unable to create Kernel interface for " + intf.name());
+    }
+    createdIs(intf.name(), made);
+}
+
+void Driver::createIntfsInDefaultNs() {
+    TRACE(3) << "createIntfsInDefaultNs";
+    const std::string& bridgeMac = config_->bridgeMac();
+    for (int pass = 1; pass <= 3; ++pass) {
+        for (const auto& [name, intfPtr] : config_->interface()) {
+            const Interface* intf = intfPtr.get();
+            const InterfaceType type = intf->interfaceType();
+            if (passOf(type) != pass) {
+                continue;
+            }
+            switch (type) {
+            case InterfaceType::L2_:
+                createdWith(*intf, createL2Interface(intf, bridgeMac));
+                break;
+            case InterfaceType::RoutedPort_:
+                createdWith(*intf, createRoutedPortInterface(intf, bridgeMac));
+                break;
+            case InterfaceType::Lag_:
+            case InterfaceType::LagRouted_:
+                createdWith(*intf, createLagInterface(intf, bridgeMac));
+                break;
+            case InterfaceType::SubIntf_:
+                if (!created(parentIntfOfSubIntf(name))) {
+                    TRACE(0) << "Skipping creation of " << name
+                             << " due to missing parent interface";
+                    eventIs("Skipping creation of " + name + " due to missing parent interface");
+                    createdWith(*intf, false);
+                } else {
+                    createdWith(*intf, createSubInterface(intf, bridgeMac));
+                }
+                break;
+            case InterfaceType::SVI_:
+                createdWith(*intf,
+                            createVlanInterface(intf, netlinkFd(DEFAULT_NS), sockFd(DEFAULT_NS)));
+                break;
+            default: // None, or a value past the last type
+                KESTRUNE_ASSERT(false);
+            }
+        }
+    }
+}
+
+bool Driver::createVlanInterface(const Interface* intf, int netlinkFd, int sockFd) {
+    TRACE(3) << "createVlanInterface"
+             << " " << intf->name();
+    KESTRUNE_ASSERT(intf->interfaceType() == InterfaceType::SVI_);
+    const auto* vlanIntf = dynamic_cast<const VlanInterface*>(intf);
+    KESTRUNE_ASSERT(vlanIntf != nullptr);
+    const auto vlan = static_cast<std::uint16_t>(vlanIntf->vlan());
+    const std::string kernelName = kernelIntfName(intf->name());
+    if (kernelName.empty()) {
+        TRACE(0) << "Unable to create SVI " << intf->name() << ": not a kernel device name";
+        eventIs("Unable to create SVI " + intf->name() + ": not a kernel device name");
+        return false;
+    }
+    if (makeVlanDevice("fabric", kernelName, vlan, netlinkFd, DEFAULT_NS) != 0) {
+        TRACE(0) << "Unable to create SVI " << kernelName;
+        eventIs("Unable to create SVI " + kernelName);
+        return false;
+    }
+    if (!setDevUp(kernelName.c_str(), sockFd)) {
+        TRACE(0) << "Unable to set devstat UP for " << kernelName;
+        eventIs("Unable to set devstat UP for " + kernelName);
+        return false;
+    }
+    return true;
+}
+
+bool Driver::createL2Interface(const Interface*, const std::string&) {
+    KESTRUNE_ASSERT_TEXT(false, "false && \"This method should be overriden\"");
+    return false;
+}
+
+bool Driver::createRoutedPortInterface(const Interface*, const std::string&) {
+    KESTRUNE_ASSERT_TEXT(false, "false && \"This method should be overriden\"");
+    return false;
+}
+
+bool Driver::createSubInterface(const Interface*, const std::string&) {
+    KESTRUNE_ASSERT_TEXT(false, "false && \"This method should be overriden\"");
+    return false;
+}
+
+bool Driver::createLagInterface(const Interface*, const std::string&) {
+    KESTRUNE_ASSERT_TEXT(false, "false && \"This method should be overriden\"");
+    return false;
+}
+
+void Driver::eventIs(const std::string& message) {
+    Log::logEvent("Driver", message);
+}
+
+Driver::Ptr driverFactory(const Config::PtrConst& config) {
+    return std::make_shared<Driver>(config);
+}
+
+} // namespace Kestrune

@@ -1,0 +1,97 @@
+#pragma once
+
+#include "driver/NamespaceName.h"
+#include "driver/ZelVrfCreate.h"
+#include "model/Config.h"
+#include "model/Interface.h"
+
+#include <map>
+#include <memory>
+#include <string>
+
+namespace Kestrune {
+
+// The platform-independent half of the restore: the sockets of every namespace, the record of
+// which kernel devices were created, and the sequence that makes, places and configures them.
+// A platform driver brings its chip up in doInit and makes the devices of ports, LAGs and
+// subinterfaces in the four creation operations.
+class Driver {
+  public:
+    using Ptr = std::shared_ptr<Driver>;
+    using PtrConst = std::shared_ptr<const Driver>;
+    using FdMap = std::map<NamespaceName, int>;
+    using CreatedMap = std::map<std::string, bool>;
+
+    explicit Driver(Config::PtrConst config) : config_(std::move(config)) {}
+    virtual ~Driver() = default;
+    Driver(const Driver&) = delete;
+    Driver& operator=(const Driver&) = delete;
+
+    const Config::PtrConst& config() const { return config_; }
+
+    // A namespace without a descriptor reads as 0, an interface never tried as false.
+    const FdMap& sockFd() const { return sockFd_; }
+    int sockFd(const NamespaceName& ns) const;
+    void sockFdIs(const NamespaceName& ns, int fd) { sockFd_[ns] = fd; }
+    void sockFdDel(const NamespaceName& ns) { sockFd_.erase(ns); }
+    void sockFdDelAll() { sockFd_.clear(); }
+    void sockFdNotify(const NamespaceName&) {}
+
+    const FdMap& netlinkFd() const { return netlinkFd_; }
+    int netlinkFd(const NamespaceName& ns) const;
+    void netlinkFdIs(const NamespaceName& ns, int fd) { netlinkFd_[ns] = fd; }
+    void netlinkFdDel(const NamespaceName& ns) { netlinkFd_.erase(ns); }
+    void netlinkFdDelAll() { netlinkFd_.clear(); }
+    void netlinkFdNotify(const NamespaceName&) {}
+
+    const CreatedMap& created() const { return created_; }
+    bool created(const std::string& name) const;
+    void createdIs(const std::string& name, bool flag) { created_[name] = flag; }
+    void createdDel(const std::string& name) { created_.erase(name); }
+    void createdDelAll() { created_.clear(); }
+    void createdNotify(const std::string&) {}
+
+    const ZelVrfCreate::Ptr& vrfCreate() const { return vrfCreate_; }
+    void vrfCreateIs() { vrfCreate_ = zelVrfCreateFactory(); }
+    void vrfCreateDel() { vrfCreate_.reset(); }
+
+    // Creates the VRF namespaces and opens a socket and a netlink socket inside each of them
+    // and inside the default one. A platform driver calls it before its chip bring-up.
+    virtual bool doInit();
+    // The restore: create every device in the default namespace, move the VRF members, give
+    // them MTUs, addresses and the up flag, restore the filter rules.
+    void doCreateKernelInterfaces();
+
+    void createIntfsInDefaultNs();
+    void moveIntfsToCorrectNs();
+    void configureMtu(const Interface* intf, int sockFd) const;
+    void configureIntfsInNs();
+    void configureIptablesRules();
+
+    // The platform's device of each kind; true when the kernel device now exists. The base
+    // versions end the process: a platform driver must override all four.
+    virtual bool createL2Interface(const Interface* intf, const std::string& bridgeMac);
+    virtual bool createRoutedPortInterface(const Interface* intf, const std::string& bridgeMac);
+    virtual bool createSubInterface(const Interface* intf, const std::string& bridgeMac);
+    virtual bool createLagInterface(const Interface* intf, const std::string& bridgeMac);
+
+    static bool createVlanInterface(const Interface* intf, int netlinkFd, int sockFd);
+    static void addIpAddresses(const Interface* intf, int netlinkFd);
+    static void eventIs(const std::string& message);
+
+  private:
+    // The end of a creation: traced, recorded when it failed, and noted in `created`.
+    void createdWith(const Interface& intf, bool made);
+    // Interfaces that get a namespace and layer-3 settings: created, and not L2 or Lag.
+    bool isPlacedLayer3(const Interface& intf) const;
+
+    Config::PtrConst config_;
+    FdMap sockFd_;
+    FdMap netlinkFd_;
+    CreatedMap created_;
+    ZelVrfCreate::Ptr vrfCreate_;
+};
+
+Driver::Ptr driverFactory(const Config::PtrConst& config);
+
+} // namespace Kestrune
