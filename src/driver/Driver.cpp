@@ -56,7 +56,7 @@ bool Driver::doInit() {
     vrfCreateIs();
     vrfCreate_->doInit(config_);
     for (const auto& [name, flag] : vrfCreate_->netNsName()) {
-        const NamespaceName ns(name);
+        const NamespaceName ns = name;
         sockFdIs(ns, openSocketInNs(AF_INET, SOCK_DGRAM, 0, ns));
         netlinkFdIs(ns, openSocketInNs(AF_NETLINK, SOCK_DGRAM, 0, ns));
     }

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <compare>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -15,12 +14,14 @@ class NamespaceName {
 
     // Throws std::range_error "NamespaceName::bytes > 150 not allowed" for a longer name.
     NamespaceName(std::string_view name); // NOLINT(google-explicit-constructor): a name is text
+    NamespaceName(const std::string& name) : NamespaceName(std::string_view(name)) {} // NOLINT
+    NamespaceName(const char* name) : NamespaceName(std::string_view(name)) {}        // NOLINT
 
     const std::string& text() const { return name_; }
     operator std::string_view() const { return name_; } // NOLINT(google-explicit-constructor)
 
-    auto operator<=>(const NamespaceName&) const = default;
-    bool operator==(const NamespaceName&) const = default;
+    bool operator==(const NamespaceName& other) const { return name_ == other.name_; }
+    bool operator<(const NamespaceName& other) const { return name_ < other.name_; }
 
   private:
     std::string name_;

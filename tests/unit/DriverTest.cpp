@@ -1,0 +1,140 @@
+#include "driver/Driver.h"
+
+#include "Scenario.h"
+#include "driver/DriverCreator.h"
+#include "driver/NamespaceName.h"
+#include "model/Config.h"
+#include "model/SubInterface.h"
+#include "util/Namespace.h"
+#include "util/Trace.h"
+
+#include <csignal>
+#include <gtest/gtest.h>
+#include <stdexcept>
+
+namespace Kestrune::Testing {
+namespace {
+
+Config::Ptr configWith(const std::string& name, InterfaceType type) {
+    auto config = configFactory();
+    config->bridgeMacIs("00:1c:73:aa:bb:cc");
+    auto intf =
+        type == InterfaceType::SubIntf_ ? subInterfaceFactory(name) : interfaceFactory(name);
+    intf->interfaceTypeIs(type);
+    config->interfaceIs(intf);
+    return config;
+}
+
+TEST(DriverCreator, AnyOtherPlatformTypeGivesNoDriverAndSaysNothingMore) {
+    for (const char* type : {"strata", "", "Sand ", "STRATA", "Other"}) {
+        auto config = configFactory();
+        config->platformTypeIs(type);
+        std::vector<std::string> traces;
+        Trace::levelsIs(Trace::allLevels);
+        Trace::sinkIs([&](std::string_view line) { traces.emplace_back(line); });
+        const Driver::Ptr driver = DriverCreator(config).create();
+        Trace::sinkIs({});
+        Trace::levelsIs(1U);
+        EXPECT_EQ(driver, nullptr) << type;
+        EXPECT_EQ(traces,
+                  std::vector<std::string>{"Kestrune:3 create platform = " + std::string(type)});
+    }
+}
+
+TEST(NamespaceName, HoldsAtMost150Bytes) {
+    EXPECT_EQ(NamespaceName(std::string(150, 'v')).text().size(), 150U);
+    try {
+        NamespaceName(std::string(151, 'v'));
+        FAIL() << "a 151-byte name was taken";
+    } catch (const std::range_error& error) {
+        EXPECT_STREQ(error.what(), "NamespaceName::bytes > 150 not allowed");
+    }
+    // The default VRF's interfaces carry "default": the same name as the default namespace.
+    EXPECT_EQ(NamespaceName("default"), NamespaceName(DEFAULT_NS));
+    EXPECT_LT(NamespaceName("blue"), NamespaceName("red"));
+}
+
+TEST(DriverMaps, AbsentKeysReadAsZeroOrFalse) {
+    Driver driver(configFactory());
+    EXPECT_EQ(driver.sockFd("red"), 0);
+    EXPECT_EQ(driver.netlinkFd(DEFAULT_NS), 0);
+    EXPECT_FALSE(driver.created("Ethernet1"));
+    driver.createdIs("Ethernet1", false);
+    driver.createdIs("Ethernet1", true);
+    EXPECT_TRUE(driver.created("Ethernet1"));
+    EXPECT_EQ(driver.created().size(), 1U);
+    driver.sockFdIs("red", 7);
+    driver.sockFdDel("red");
+    EXPECT_TRUE(driver.sockFd().empty());
+    EXPECT_EQ(driver.vrfCreate(), nullptr);
+}
+
+TEST(DriverSequence, AnEmptyConfigOnlyTracesItsEntry) {
+    std::vector<std::string> traces;
+    Trace::levelsIs(Trace::allLevels);
+    Trace::sinkIs([&](std::string_view line) { traces.emplace_back(line); });
+    Driver driver(configFactory());
+    driver.createIntfsInDefaultNs();
+    Trace::sinkIs({});
+    Trace::levelsIs(1U);
+    EXPECT_EQ(traces, std::vector<std::string>{"Kestrune:3 createIntfsInDefaultNs"});
+}
+
+// What must never happen ends the process, with the assertion in the event history.
+TEST(DriverSequence, WhatMustNeverHappenEndsTheProcessOnTheWrittenAssertion) {
+    const struct {
+        const char* what;
+        std::function<void()> body;
+        const char* assertion;
+    } cases[] = {
+        {"a port on a driver without its platform's operations",
+         [] {
+             driverFactory(configWith("Ethernet1", InterfaceType::L2_))->doCreateKernelInterfaces();
+         },
+         "false && \"This method should be overriden\""},
+        {"a routed port",
+         [] {
+             driverFactory(configWith("Ethernet1", InterfaceType::RoutedPort_))
+                 ->doCreateKernelInterfaces();
+         },
+         "false && \"This method should be overriden\""},
+        {"a LAG",
+         [] {
+             driverFactory(configWith("Port-Channel1", InterfaceType::LagRouted_))
+                 ->doCreateKernelInterfaces();
+         },
+         "false && \"This method should be overriden\""},
+        {"a subinterface whose parent exists",
+         [] {
+             auto driver = driverFactory(configWith("Ethernet1.10", InterfaceType::SubIntf_));
+             driver->createdIs("Ethernet1", true);
+             driver->createIntfsInDefaultNs();
+         },
+         "false && \"This method should be overriden\""},
+        {"an interface of type None",
+         [] {
+             driverFactory(configWith("Ethernet1", InterfaceType::None_))->createIntfsInDefaultNs();
+         },
+         "false"},
+        {"a VLAN interface that is not an SVI",
+         [] {
+             auto config = configWith("Ethernet1", InterfaceType::L2_);
+             Driver::createVlanInterface(config->interface("Ethernet1").get(), 0, 0);
+         },
+         "intf->interfaceType() == InterfaceType::SVI_"},
+    };
+    for (const auto& c : cases) {
+        const TempDir dir;
+        const Outcome outcome = runProcess(dir, c.body);
+        EXPECT_EQ(outcome.signal, SIGABRT) << c.what;
+        ASSERT_FALSE(outcome.events.empty()) << c.what;
+        EXPECT_EQ(outcome.events.back().group, "Assertion") << c.what;
+        EXPECT_EQ(outcome.events.back().message.rfind(
+                      std::string("assertion failed: ") + c.assertion + " (", 0),
+                  0U)
+            << c.what << ": " << outcome.events.back().message;
+    }
+}
+
+} // namespace
+} // namespace Kestrune::Testing
