@@ -3,6 +3,7 @@
 #include "Scenario.h"
 #include "driver/DriverCreator.h"
 #include "driver/NamespaceName.h"
+#include "driver/ZelVrfCreate.h"
 #include "model/Config.h"
 #include "model/SubInterface.h"
 #include "util/Namespace.h"
@@ -122,6 +123,12 @@ TEST(DriverSequence, WhatMustNeverHappenEndsTheProcessOnTheWrittenAssertion) {
              Driver::createVlanInterface(config->interface("Ethernet1").get(), 0, 0);
          },
          "intf->interfaceType() == InterfaceType::SVI_"},
+        {"moving an interface that has no layer-3 device",
+         [] {
+             auto config = configWith("Port-Channel1", InterfaceType::Lag_);
+             ZelVrfCreate().doMoveIntfToNetNs(config->interface("Port-Channel1").get(), 0);
+         },
+         "!\"false\""},
     };
     for (const auto& c : cases) {
         const TempDir dir;
