@@ -128,46 +128,47 @@ unsigned indexOrReport(const std::string& deviceName) {
     return index;
 }
 
+// The device's index, with the address parsed into `parsed` and its prefix length; 0 when the
+// device is missing or the text is not an address of the family.
+unsigned addressToAdd(const char* operation, int family, const std::string& deviceName,
+                      const std::string& address, void* parsed, int& prefixLength) {
+    const unsigned index = indexOrReport(deviceName);
+    if (index == 0) {
+        return 0;
+    }
+    std::string text;
+    getAddrAndPrefix(address, text, prefixLength);
+    if (inet_pton(family, text.c_str(), parsed) != 1) {
+        TRACE(0) << operation << " " << deviceName << " not an "
+                 << (family == AF_INET ? "IPv4" : "IPv6") << " address: " << text;
+        return 0;
+    }
+    return index;
+}
+
 } // namespace
 
 bool ipAddrAdd(int netlinkFd, const std::string& deviceName, const std::string& address,
                bool secondary) {
     TRACE(3) << "ipAddrAdd"
              << " " << deviceName << " " << address;
-    const unsigned index = indexOrReport(deviceName);
-    if (index == 0) {
-        return false;
-    }
-    std::string text;
-    int prefixLength = 0;
-    getAddrAndPrefix(address, text, prefixLength);
     in_addr parsed{};
-    if (inet_pton(AF_INET, text.c_str(), &parsed) != 1) {
-        TRACE(0) << "ipAddrAdd"
-                 << " " << deviceName << " not an IPv4 address: " << text;
-        return false;
-    }
-    return netlinkIpv4AddrAdd(netlinkFd, static_cast<int>(index), &parsed, nullptr, prefixLength,
-                              secondary) != 0;
+    int prefixLength = 0;
+    const unsigned index =
+        addressToAdd("ipAddrAdd", AF_INET, deviceName, address, &parsed, prefixLength);
+    return index != 0 && netlinkIpv4AddrAdd(netlinkFd, static_cast<int>(index), &parsed, nullptr,
+                                            prefixLength, secondary) != 0;
 }
 
 bool ip6AddrAdd(int netlinkFd, const std::string& deviceName, const std::string& address) {
     TRACE(3) << "ip6AddrAdd"
              << " " << deviceName << " " << address;
-    const unsigned index = indexOrReport(deviceName);
-    if (index == 0) {
-        return false;
-    }
-    std::string text;
-    int prefixLength = 0;
-    getAddrAndPrefix(address, text, prefixLength);
     in6_addr parsed{};
-    if (inet_pton(AF_INET6, text.c_str(), &parsed) != 1) {
-        TRACE(0) << "ip6AddrAdd"
-                 << " " << deviceName << " not an IPv6 address: " << text;
-        return false;
-    }
-    return netlinkIpv6AddrAdd(netlinkFd, static_cast<int>(index), &parsed, prefixLength) != 0;
+    int prefixLength = 0;
+    const unsigned index =
+        addressToAdd("ip6AddrAdd", AF_INET6, deviceName, address, &parsed, prefixLength);
+    return index != 0 &&
+           netlinkIpv6AddrAdd(netlinkFd, static_cast<int>(index), &parsed, prefixLength) != 0;
 }
 
 int setDeviceOperStatusUp(int netlinkFd, const std::string& deviceName) {
