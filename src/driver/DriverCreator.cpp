@@ -1,5 +1,6 @@
 #include "driver/DriverCreator.h"
 
+#include "platform/StrataDriver.h"
 #include "util/Trace.h"
 
 namespace Kestrune {

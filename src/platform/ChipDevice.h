@@ -1,0 +1,28 @@
+#pragma once
+
+#include <memory>
+#include <sys/types.h>
+
+namespace Kestrune {
+
+// The one way the platform drivers reach the chip's character devices (/dev/fabric and the
+// bde device). The production implementation makes the system calls; the chip simulator sees
+// the same bytes the chip's kernel driver would: the fabric request number is the command's
+// length plus one, the bde records carry their fields at the driver's byte offsets.
+class ChipDevice {
+  public:
+    using Ptr = std::shared_ptr<ChipDevice>;
+
+    virtual ~ChipDevice() = default;
+    virtual int open(const char* path, int flags) = 0;
+    virtual int ioctl(int fd, unsigned long request, void* argument) = 0;
+    virtual int close(int fd) = 0;
+    virtual int mknod(const char* path, mode_t mode, dev_t device) = 0;
+};
+
+// The chip devices in use: the system calls unless a simulator was put in their place.
+ChipDevice& chipDevice();
+// A null handle puts the system calls back.
+void chipDeviceIs(ChipDevice::Ptr device);
+
+} // namespace Kestrune
