@@ -8,8 +8,12 @@ namespace Kestrune {
 Driver::Ptr DriverCreator::create() const {
     TRACE(3) << "create"
              << " platform = " << config_->platformType();
-    // The Strata and Sand drivers come with their chip bring-up; until then no platform has a
-    // driver and the caller gets null, as for an unknown platform.
+    if (config_->platformType() == "Strata") {
+        TRACE(0) << "Creating Strata driver";
+        return std::make_shared<StrataDriver>(config_);
+    }
+    // The Sand driver comes with its chip bring-up; until then its platform, like an unknown
+    // one, gets null.
     return nullptr;
 }
 

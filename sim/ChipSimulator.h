@@ -1,0 +1,67 @@
+#pragma once
+
+#include "platform/ChipDevice.h"
+#include "util/EthIoctlUtil.h"
+
+#include <cstdio>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace Kestrune::Sim {
+
+// Plays the switch chip's kernel driver behind the chip-device seam, so the whole restore runs
+// on any Linux box. It takes the bytes the real driver would: fabric commands whose request
+// number is their length plus one, checked against the Strata command table (a malformed one
+// fails the ioctl, as the driver would), and bde records read at their byte offsets. "ifadd"
+// makes the CPU device as a TAP in the thread's namespace; LAG and VLAN state is kept in
+// tables. Every operation is one line of the chip log.
+class ChipSimulator : public ChipDevice {
+  public:
+    // The CPU devices' frame size: jumbo, as the chip's CPU ports take.
+    static constexpr unsigned cpuMtu = 9216;
+
+    // Makes the "fabric" device, as loading the DMA module does, and starts the chip log at
+    // logPath ("" keeps no log).
+    explicit ChipSimulator(const std::string& logPath);
+    ~ChipSimulator() override;
+    ChipSimulator(const ChipSimulator&) = delete;
+    ChipSimulator& operator=(const ChipSimulator&) = delete;
+
+    int open(const char* path, int flags) override;
+    int ioctl(int fd, unsigned long request, void* argument) override;
+    int close(int fd) override;
+    int mknod(const char* path, mode_t mode, dev_t device) override;
+
+    struct LagMember {
+        int modId = 0;
+        int port = 0;
+        bool configured = false;
+        bool added = false;
+        int state = 0;
+    };
+    // LAG id -> its members by (modId, port).
+    const std::map<int, std::map<std::pair<int, int>, LagMember>>& lags() const { return lags_; }
+    // Kernel device -> internal VLAN -> encapsulation VLAN.
+    const std::map<std::string, std::map<int, int>>& internalVlans() const { return vlans_; }
+    const std::set<std::string>& devices() const { return devices_; }
+
+    // Checks one fabric command against the table; the reason when it is malformed, else "".
+    static std::string malformation(const std::string& command);
+
+  private:
+    enum class Node { fabric, bde };
+    int fabricCommand(const std::string& command);
+    int bdeRecord(unsigned long request, const unsigned char* record);
+    void log(const std::string& line);
+
+    std::FILE* log_ = nullptr;
+    std::map<int, Node> open_;
+    EthIoctlUtil taps_;
+    std::set<std::string> devices_;
+    std::map<int, std::map<std::pair<int, int>, LagMember>> lags_;
+    std::map<std::string, std::map<int, int>> vlans_;
+};
+
+} // namespace Kestrune::Sim

@@ -1,0 +1,137 @@
+#include "ChipSimulator.h"
+#include "PrivateNetwork.h"
+#include "Scenario.h"
+#include "driver/DriverCreator.h"
+#include "log/Log.h"
+#include "model/LagInterface.h"
+#include "model/StrataConfig.h"
+#include "model/StrataInterface.h"
+#include "platform/StrataDriver.h"
+#include "util/Namespace.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <gtest/gtest.h>
+
+namespace Kestrune::Testing {
+namespace {
+
+std::vector<std::string> linesOf(const std::string& path) {
+    std::ifstream file(path);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(file, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+// A Strata switch restored with the chip simulator behind the seam, as on a simulated switch.
+class StrataRestore : public PrivateNetwork {
+  protected:
+    void SetUp() override {
+        PrivateNetwork::SetUp();
+        path_ = std::getenv("PATH");
+        setenv("PATH", (std::string(KESTRUNE_CHIP_TOOLS) + ":" + path_).c_str(), 1);
+        setenv("SIMULATION_VMID", "1", 1);
+        setenv("KESTRUNE_CHIP_LOG", dir_.file("chip.log").c_str(), 1);
+        setenv("KESTRUNE_CHIP_REGISTERS", dir_.file("registers").c_str(), 1);
+        ASSERT_EQ(mountDefaultNs(), 0);
+        simulator_ = std::make_shared<Sim::ChipSimulator>(dir_.file("chip.log"));
+        chipDeviceIs(simulator_);
+        config_ = strataConfigFactory();
+        config_->platformTypeIs("Strata");
+        config_->bridgeMacIs("00:1c:73:aa:bb:cc");
+        config_->strataModuleIs(StrataModule(1, 3, "bcm56850"), true);
+    }
+    void TearDown() override {
+        chipDeviceIs(nullptr);
+        simulator_.reset();
+        unsetenv("SIMULATION_VMID");
+        setenv("PATH", path_.c_str(), 1);
+        PrivateNetwork::TearDown();
+    }
+    StrataInterface::Ptr port(const std::string& name, InterfaceType type, std::uint32_t number,
+                              const std::string& ns, const std::string& address) {
+        auto intf = strataInterfaceFactory(name);
+        intf->interfaceTypeIs(type);
+        intf->modIdIs(1);
+        intf->portIs(number);
+        intf->internalVlanIs(number == 0 ? 0 : 4000 + number);
+        intf->uc_qbaseIs(number * 8);
+        intf->mc_qbaseIs(1024 + number * 8);
+        intf->netNsNameIs(ns);
+        intf->primaryIpv4Is(address);
+        config_->interfaceIs(intf);
+        return intf;
+    }
+    const TempDir dir_;
+    std::shared_ptr<Sim::ChipSimulator> simulator_;
+    StrataConfig::Ptr config_;
+
+  private:
+    std::string path_;
+};
+
+TEST_F(StrataRestore, PortsRoutedPortsAndALagComeUpAndTheChipLogSaysHow) {
+    port("Ethernet1", InterfaceType::RoutedPort_, 1, "red", "10.1.0.1/24");
+    auto member2 = port("Ethernet2", InterfaceType::L2_, 2, "default", "");
+    auto member3 = port("Ethernet3", InterfaceType::L2_, 3, "default", "");
+    port("Ethernet4", InterfaceType::RoutedPort_, 4, "default", "10.4.0.1/24");
+    auto lag = lagInterfaceFactory("Port-Channel5");
+    lag->interfaceTypeIs(InterfaceType::LagRouted_);
+    lag->internalVlanIs(4005);
+    lag->primaryIpv4Is("10.5.0.1/24");
+    const std::pair<StrataInterface::Ptr, std::pair<bool, bool>> members[] = {
+        {member2, {true, true}}, {member3, {true, false}}};
+    for (const auto& [intf, state] : members) {
+        auto member = lagMemberFactory();
+        member->interfaceIs(intf);
+        member->collectingIs(state.first);
+        member->distributingIs(state.second);
+        lag->memberIs(member);
+    }
+    config_->interfaceIs(lag);
+
+    const Log::Capture events;
+    const Driver::Ptr driver = DriverCreator(config_).create();
+    ASSERT_TRUE(std::dynamic_pointer_cast<StrataDriver>(driver));
+    ASSERT_TRUE(driver->doInit());
+    EXPECT_GT(std::dynamic_pointer_cast<StrataDriver>(driver)->fabFd(), 0);
+    driver->doCreateKernelInterfaces();
+
+    for (const Event& event : events.events()) {
+        ADD_FAILURE() << event.group << ": " << event.message;
+    }
+    EXPECT_EQ(linesOf(dir_.file("chip.log")),
+              linesOf(std::string(KESTRUNE_SOURCE_DIR) + "/tests/kernel/expected/strata-chip.log"));
+    // The register fixes of a bcm56850: bit 20 of the low word, twice, and bit 17.
+    EXPECT_EQ(
+        linesOf(dir_.file("registers")),
+        (std::vector<std::string>{"3:00.0 0 3 134217780\t20000", "3:00.0 0 3 2919265280\t0 100000",
+                                  "3:00.0 0 3 2986374144\t0 100000"}));
+    const struct {
+        const char* device;
+        const char* ns;
+        const char* address;
+    } expected[] = {{"et1", "red", "10.1.0.1"},
+                    {"et2", "default", nullptr},
+                    {"et3", "default", nullptr},
+                    {"et4", "default", "10.4.0.1"},
+                    {"po5", "default", "10.5.0.1"}};
+    for (const auto& device : expected) {
+        const auto link = linkOf(device.device, device.ns);
+        ASSERT_TRUE(link) << device.device;
+        EXPECT_TRUE(link->hasFlag("UP")) << device.device;
+        if (device.address != nullptr) {
+            EXPECT_TRUE(link->address(device.address)) << device.device;
+        }
+    }
+    EXPECT_EQ(linkOf("po5")->operState, "UP");
+    EXPECT_EQ(linkOf("fabric")->mac, "00:1c:73:aa:bb:cc");
+    const auto& lag5 = simulator_->lags().at(5);
+    EXPECT_EQ(lag5.at({1, 2}).state, 3);
+    EXPECT_EQ(lag5.at({1, 3}).state, 1);
+}
+
+} // namespace
+} // namespace Kestrune::Testing
