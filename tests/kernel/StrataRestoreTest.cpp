@@ -133,5 +133,70 @@ TEST_F(StrataRestore, PortsRoutedPortsAndALagComeUpAndTheChipLogSaysHow) {
     EXPECT_EQ(lag5.at({1, 3}).state, 1);
 }
 
+std::vector<std::string> messagesOf(const Log::Capture& capture) {
+    std::vector<std::string> messages;
+    for (const Event& event : capture.events()) {
+        messages.push_back(event.group + ": " + event.message);
+    }
+    return messages;
+}
+
+TEST_F(StrataRestore, AModuleThatFailsToAddStopsTheBringUpWithTheAdvancedText) {
+    config_->strataModuleDelAll();
+    config_->strataModuleIs(StrataModule(2, 4, "bcm56855"), true);
+    // Without its register store the chip's register tool answers nothing a read can use.
+    unsetenv("KESTRUNE_CHIP_REGISTERS");
+    const Log::Capture events;
+    const Driver::Ptr driver = DriverCreator(config_).create();
+    EXPECT_FALSE(driver->doInit());
+    EXPECT_TRUE(traced("Kestrune:0 Unable to add device 2"));
+    EXPECT_EQ(messagesOf(events), std::vector<std::string>{"StrataDriver: able to add device "});
+    EXPECT_EQ(std::dynamic_pointer_cast<StrataDriver>(driver)->fabFd(), 0);
+}
+
+TEST_F(StrataRestore, AChipModelWithoutFixesTouchesNoRegister) {
+    config_->strataModuleDelAll();
+    config_->strataModuleIs(StrataModule(1, 3, "bcm56851"), true);
+    const Driver::Ptr driver = DriverCreator(config_).create();
+    ASSERT_TRUE(driver->doInit());
+    EXPECT_EQ(linesOf(dir_.file("chip.log")),
+              (std::vector<std::string>{"bde adddevice bus=3 mod=1", "run fab devrole 1 switch",
+                                        "run fab devstate 1 up", "bde interrupts 1 3"}));
+}
+
+TEST_F(StrataRestore, AnIfaddTheChipRefusesLeavesItsLagPartlyProgrammed) {
+    auto member2 = port("Ethernet2", InterfaceType::L2_, 2, "default", "");
+    auto member3 = port("Ethernet3", InterfaceType::L2_, 3, "default", "");
+    auto lag = lagInterfaceFactory("Port-Channel5");
+    lag->interfaceTypeIs(InterfaceType::Lag_);
+    lag->internalVlanIs(4005);
+    for (const auto& intf : {member2, member3}) {
+        auto member = lagMemberFactory();
+        member->interfaceIs(intf);
+        member->collectingIs(true);
+        lag->memberIs(member);
+    }
+    config_->interfaceIs(lag);
+    // A device of that name is there already: the chip refuses to make another.
+    run({"ip", "link", "add", "et3", "type", "veth", "peer", "name", "et3peer"});
+    const Log::Capture events;
+    const Driver::Ptr driver = DriverCreator(config_).create();
+    ASSERT_TRUE(driver->doInit());
+    driver->doCreateKernelInterfaces();
+    EXPECT_EQ(messagesOf(events),
+              (std::vector<std::string>{
+                  "StrataDriver: Fab Ioctl wasn't successful ifadd et3 1 3 -1 4003 24 1048",
+                  "Driver: Unable to create Kernel interface for Ethernet3",
+                  "StrataDriver: createLagInterface skipping creation due to missing memberIntf "
+                  "Ethernet3",
+                  "Driver: Unable to create Kernel interface for Port-Channel5",
+              }));
+    const auto& lag5 = simulator_->lags().at(5);
+    EXPECT_EQ(lag5.size(), 1U);
+    EXPECT_EQ(lag5.at({1, 2}).state, 1);
+    EXPECT_TRUE(lag5.at({1, 2}).configured && lag5.at({1, 2}).added);
+    EXPECT_FALSE(driver->created("Port-Channel5"));
+}
+
 } // namespace
 } // namespace Kestrune::Testing
