@@ -67,7 +67,19 @@ Log::Capture::~Capture() {
     capture() = outer_;
 }
 
+Log::Observer& Log::observer() {
+    static Observer current;
+    return current;
+}
+
+void Log::observerIs(Observer observer) {
+    Log::observer() = std::move(observer);
+}
+
 void Log::logEvent(const std::string& messageGroup, const std::string& message) {
+    if (const Observer& told = observer()) {
+        told(messageGroup, message);
+    }
     if (Capture* current = capture()) {
         current->events_.push_back(
             eventFactory("persistent", "Kestrune", messageGroup, utcNow(), message));

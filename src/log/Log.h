@@ -3,6 +3,7 @@
 #include "log/EventLogQueue.h"
 #include "log/HistoryStore.h"
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -42,6 +43,12 @@ class Log {
     static void historyPathIs(std::string path);
     static const std::string& historyPath();
 
+    // Told of every event as it is recorded, besides the history: for a caller that reports
+    // on the restore it drives. An empty observer stops it.
+    using Observer =
+        std::function<void(const std::string& messageGroup, const std::string& message)>;
+    static void observerIs(Observer observer);
+
     // While one exists, events are collected by it instead of reaching the history: for
     // work that only looks at what a restore would record, such as checking a store.
     class Capture {
@@ -61,6 +68,7 @@ class Log {
   private:
     static Ptr& instance();
     static Capture*& capture();
+    static Observer& observer();
 
     EventLogQueue::Ptr eventLog_;
     HistoryStore::Ptr historyStore_;

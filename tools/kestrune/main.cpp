@@ -1,6 +1,7 @@
 #include "CheckCommand.h"
 #include "CommonOptions.h"
 #include "EventsCommand.h"
+#include "RestoreCommand.h"
 #include "ShowCommand.h"
 
 #include <CLI/CLI.hpp>
@@ -13,6 +14,7 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
 
     int status = 0;
+    Kestrune::Cli::addRestoreCommand(app, status);
     Kestrune::Cli::addCheckCommand(app, status);
     Kestrune::Cli::addShowCommand(app, status);
     Kestrune::Cli::addEventsCommand(app, status);
