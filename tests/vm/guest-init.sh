@@ -22,12 +22,14 @@ finish() {
     /bin/busybox poweroff -f
 }
 
+# The filter tables and the matches the example rule sets use.
+filters="ip_tables iptable_filter ip6_tables ip6table_filter xt_tcpudp xt_conntrack"
 # modprobe wants <dir>/lib/modules/<release>; the guest's modules live elsewhere on the host.
 release=$(uname -r)
 mkdir -p $scratch/modules/lib/modules
 ln -s "/usr/lib/uml/modules/$release" "$scratch/modules/lib/modules/$release"
-if ! modprobe -a -d $scratch/modules ipv6 8021q sch_prio tun veth; then
-    echo "vm tier: the guest cannot load its modules (ipv6 8021q sch_prio tun veth)"
+if ! modprobe -a -d $scratch/modules ipv6 8021q sch_prio tun veth $filters; then
+    echo "vm tier: the guest cannot load its modules (ipv6 8021q sch_prio tun veth $filters)"
     finish
 fi
 

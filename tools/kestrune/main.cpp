@@ -3,6 +3,7 @@
 #include "EventsCommand.h"
 #include "RestoreCommand.h"
 #include "ShowCommand.h"
+#include "SimulateCommand.h"
 
 #include <CLI/CLI.hpp>
 #include <iostream>
@@ -15,6 +16,7 @@ int main(int argc, char** argv) {
 
     int status = 0;
     Kestrune::Cli::addRestoreCommand(app, status);
+    Kestrune::Cli::addSimulateCommand(app, status);
     Kestrune::Cli::addCheckCommand(app, status);
     Kestrune::Cli::addShowCommand(app, status);
     Kestrune::Cli::addEventsCommand(app, status);

@@ -1,0 +1,240 @@
+#include "KernelState.h"
+
+#include "util/Json.h"
+#include "util/Namespace.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <array>
+#include <cstdio>
+#include <filesystem>
+#include <libmnl/libmnl.h>
+#include <linux/if.h>
+#include <linux/if_addr.h>
+#include <linux/if_link.h>
+#include <linux/rtnetlink.h>
+#include <map>
+#include <sstream>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace Kestrune::Cli {
+namespace {
+
+const char* operStateText(unsigned state) {
+    static const std::array<const char*, 7> names{"UNKNOWN", "NOTPRESENT", "DOWN", "LOWERLAYERDOWN",
+                                                  "TESTING", "DORMANT",    "UP"};
+    return state < names.size() ? names[state] : "UNKNOWN";
+}
+
+std::string macText(const nlattr* attribute) {
+    const auto* bytes = static_cast<const unsigned char*>(mnl_attr_get_payload(attribute));
+    std::string text;
+    for (unsigned i = 0; i < mnl_attr_get_payload_len(attribute); ++i) {
+        char piece[4];
+        std::snprintf(piece, sizeof piece, i == 0 ? "%02x" : ":%02x", bytes[i]);
+        text += piece;
+    }
+    return text;
+}
+
+struct Dump {
+    std::map<int, DeviceState> devices;
+};
+
+int linkAttribute(const nlattr* attribute, void* data) {
+    auto* device = static_cast<DeviceState*>(data);
+    switch (mnl_attr_get_type(attribute)) {
+    case IFLA_IFNAME:
+        device->name = mnl_attr_get_str(attribute);
+        break;
+    case IFLA_MTU:
+        device->mtu = mnl_attr_get_u32(attribute);
+        break;
+    case IFLA_ADDRESS:
+        device->mac = macText(attribute);
+        break;
+    case IFLA_OPERSTATE:
+        device->operState = operStateText(mnl_attr_get_u8(attribute));
+        break;
+    case IFLA_LINKINFO:
+        mnl_attr_parse_nested(
+            attribute,
+            [](const nlattr* info, void* target) {
+                if (mnl_attr_get_type(info) == IFLA_INFO_KIND) {
+                    static_cast<DeviceState*>(target)->kind = mnl_attr_get_str(info);
+                }
+                return MNL_CB_OK;
+            },
+            data);
+        break;
+    default:
+        break;
+    }
+    return MNL_CB_OK;
+}
+
+int linkMessage(const nlmsghdr* message, void* data) {
+    const auto* link = static_cast<const ifinfomsg*>(mnl_nlmsg_get_payload(message));
+    DeviceState& device = static_cast<Dump*>(data)->devices[link->ifi_index];
+    device.adminUp = (link->ifi_flags & IFF_UP) != 0;
+    mnl_attr_parse(message, sizeof *link, linkAttribute, &device);
+    return MNL_CB_OK;
+}
+
+int addressMessage(const nlmsghdr* message, void* data) {
+    const auto* address = static_cast<const ifaddrmsg*>(mnl_nlmsg_get_payload(message));
+    if (address->ifa_scope == RT_SCOPE_LINK) {
+        return MNL_CB_OK;
+    }
+    std::array<const nlattr*, IFA_MAX + 1> attributes{};
+    mnl_attr_parse(
+        message, sizeof *address,
+        [](const nlattr* attribute, void* table) {
+            const auto type = mnl_attr_get_type(attribute);
+            if (type <= IFA_MAX) {
+                (*static_cast<std::array<const nlattr*, IFA_MAX + 1>*>(table))[type] = attribute;
+            }
+            return MNL_CB_OK;
+        },
+        &attributes);
+    const nlattr* local =
+        attributes[IFA_LOCAL] != nullptr ? attributes[IFA_LOCAL] : attributes[IFA_ADDRESS];
+    if (local == nullptr) {
+        return MNL_CB_OK;
+    }
+    char text[INET6_ADDRSTRLEN];
+    inet_ntop(address->ifa_family, mnl_attr_get_payload(local), text, sizeof text);
+    DeviceState& device = static_cast<Dump*>(data)->devices[static_cast<int>(address->ifa_index)];
+    (address->ifa_family == AF_INET ? device.ipv4 : device.ipv6)
+        .push_back(std::string(text) + "/" + std::to_string(address->ifa_prefixlen));
+    return MNL_CB_OK;
+}
+
+// One dump request and every answer to it.
+bool dump(int fd, std::uint16_t type, std::uint8_t family, mnl_cb_t callback, Dump& into) {
+    alignas(nlmsghdr) std::array<char, 256> request{};
+    nlmsghdr* header = mnl_nlmsg_put_header(request.data());
+    header->nlmsg_type = type;
+    header->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    header->nlmsg_seq = 1;
+    auto* generic = static_cast<rtgenmsg*>(mnl_nlmsg_put_extra_header(header, sizeof(rtgenmsg)));
+    generic->rtgen_family = family;
+    if (send(fd, header, header->nlmsg_len, 0) < 0) {
+        return false;
+    }
+    std::vector<char> buffer(32768);
+    for (;;) {
+        const auto received = recv(fd, buffer.data(), buffer.size(), 0);
+        if (received <= 0) {
+            return false;
+        }
+        const int result =
+            mnl_cb_run(buffer.data(), static_cast<std::size_t>(received), 1, 0, callback, &into);
+        if (result <= MNL_CB_STOP) {
+            return result == MNL_CB_STOP;
+        }
+    }
+}
+
+std::vector<std::string> namespaceNames() {
+    std::vector<std::string> names{std::string(DEFAULT_NS)};
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::directory_iterator(namespaceDir, ignored)) {
+        const std::string name = entry.path().filename().string();
+        if (name != DEFAULT_NS) {
+            names.push_back(name);
+        }
+    }
+    std::sort(names.begin() + 1, names.end());
+    return names;
+}
+
+} // namespace
+
+std::vector<NamespaceState> kernelState() {
+    std::vector<NamespaceState> state;
+    for (const std::string& name : namespaceNames()) {
+        const int fd = openSocketInNs(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE, name);
+        if (fd < 0) {
+            continue;
+        }
+        Dump found;
+        dump(fd, RTM_GETLINK, AF_UNSPEC, linkMessage, found);
+        dump(fd, RTM_GETADDR, AF_UNSPEC, addressMessage, found);
+        close(fd);
+        NamespaceState ns{name, {}};
+        for (auto& [index, device] : found.devices) {
+            if (device.name != "lo" && !device.name.empty()) {
+                ns.devices.push_back(std::move(device));
+            }
+        }
+        state.push_back(std::move(ns));
+    }
+    return state;
+}
+
+std::string kernelStateJson(const std::vector<NamespaceState>& state) {
+    rapidjson::StringBuffer buffer;
+    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    writer.StartObject();
+    for (const NamespaceState& ns : state) {
+        writer.Key(ns.name.c_str());
+        writer.StartArray();
+        for (const DeviceState& device : ns.devices) {
+            writer.StartObject();
+            writer.Key("name");
+            writer.String(device.name.c_str());
+            writer.Key("kind");
+            writer.String(device.kind.c_str());
+            writer.Key("mtu");
+            writer.Uint(device.mtu);
+            writer.Key("mac");
+            writer.String(device.mac.c_str());
+            writer.Key("adminUp");
+            writer.Bool(device.adminUp);
+            writer.Key("operState");
+            writer.String(device.operState.c_str());
+            for (const auto& [key, list] :
+                 {std::pair{"ipv4", &device.ipv4}, {"ipv6", &device.ipv6}}) {
+                writer.Key(key);
+                writer.StartArray();
+                for (const std::string& address : *list) {
+                    writer.String(address.c_str());
+                }
+                writer.EndArray();
+            }
+            writer.EndObject();
+        }
+        writer.EndArray();
+    }
+    writer.EndObject();
+    return buffer.GetString();
+}
+
+std::string kernelStateTable(const std::vector<NamespaceState>& state) {
+    std::ostringstream out;
+    for (const NamespaceState& ns : state) {
+        out << "namespace " << ns.name << "\n";
+        char line[256];
+        std::snprintf(line, sizeof line, "  %-15s %-6s %5s  %-17s %-5s %-8s %s\n", "device", "kind",
+                      "mtu", "mac", "admin", "oper", "addresses");
+        out << line;
+        for (const DeviceState& device : ns.devices) {
+            std::string addresses;
+            for (const auto* list : {&device.ipv4, &device.ipv6}) {
+                for (const std::string& address : *list) {
+                    addresses += (addresses.empty() ? "" : " ") + address;
+                }
+            }
+            std::snprintf(line, sizeof line, "  %-15s %-6s %5u  %-17s %-5s %-8s %s\n",
+                          device.name.c_str(), device.kind.empty() ? "-" : device.kind.c_str(),
+                          device.mtu, device.mac.c_str(), device.adminUp ? "up" : "down",
+                          device.operState.c_str(), addresses.c_str());
+            out << line;
+        }
+    }
+    return out.str();
+}
+
+} // namespace Kestrune::Cli

@@ -1,0 +1,120 @@
+#include "SimulateCommand.h"
+
+#include "ChipSimulator.h"
+#include "CommonOptions.h"
+#include "KernelState.h"
+#include "RestoreRun.h"
+#include "parser/ConfigParserCreator.h"
+#include "platform/ChipDevice.h"
+#include "util/Namespace.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <sched.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+namespace Kestrune::Cli {
+
+namespace {
+
+struct SimulateOptions {
+    std::string file = KESTRUNE_EXAMPLE_STORE;
+    std::string chipLog;
+    std::string report;
+    bool keep = false;
+    CommonOptions common;
+};
+
+// Fresh network and mount namespaces with a /run of their own: the restore's devices, named
+// namespaces and filter rules never touch the host.
+bool sandboxed() {
+    if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0) {
+        std::cerr << "kestrune simulate: cannot make a private network namespace ("
+                  << std::strerror(errno) << "): run it as root\n";
+        return false;
+    }
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("kestrune-simulate", "/run", "tmpfs", 0, "mode=0755") != 0) {
+        std::cerr << "kestrune simulate: cannot make a private /run (" << std::strerror(errno)
+                  << ")\n";
+        return false;
+    }
+    return true;
+}
+
+// What a simulated switch has: no modules to load, the chip's tools on PATH.
+void simulatedSwitch(const std::string& chipLog, const std::string& registers) {
+    setenv("SIMULATION_VMID", "kestrune-simulate", 0);
+    const char* path = std::getenv("PATH");
+    setenv("PATH", (std::string(KESTRUNE_CHIP_TOOLS) + ":" + (path != nullptr ? path : "")).c_str(),
+           1);
+    setenv("KESTRUNE_CHIP_LOG", chipLog.c_str(), 1);
+    setenv("KESTRUNE_CHIP_REGISTERS", registers.c_str(), 1);
+}
+
+// Leaves a process behind that holds the sandbox (and the devices' queues) until killed.
+void keepSandbox() {
+    std::cout.flush();
+    const pid_t keeper = fork();
+    if (keeper == 0) {
+        for (;;) {
+            pause();
+        }
+    }
+    std::cout << "\nThe sandbox stays. Enter it with:  nsenter -t " << keeper
+              << " -n -m\nEnd it with:        kill " << keeper << "\n";
+}
+
+} // namespace
+
+void addSimulateCommand(CLI::App& app, int& status) {
+    auto options = std::make_shared<SimulateOptions>();
+    CLI::App* command = app.add_subcommand(
+        "simulate", "Restore a store on this machine inside a private network namespace, with "
+                    "the chip simulator in place of the switch chip, and show what the kernel "
+                    "holds afterwards");
+    command->add_option("FILE", options->file,
+                        "The persistent store (default: the Strata example)");
+    command->add_option("--chip-log", options->chipLog,
+                        "Keep the chip log (every chip operation, in order) in this file");
+    command->add_option("--report", options->report, "Write what the restore did as JSON");
+    command->add_flag("--keep", options->keep, "Leave the sandbox alive and say how to enter it");
+    options->common.addTo(*command);
+    command->callback([options, &status] {
+        options->common.apply();
+        if (!sandboxed()) {
+            status = 2;
+            return;
+        }
+        const std::string chipLog =
+            options->chipLog.empty() ? "/run/kestrune-chip.log" : options->chipLog;
+        simulatedSwitch(chipLog, "/run/kestrune-chip-registers");
+        mountDefaultNs();
+        auto simulator = std::make_shared<Sim::ChipSimulator>(chipLog);
+        chipDeviceIs(simulator);
+        const RestoreReport report =
+            runRestore([&] { return configParserCreatorFactory()->createFrom(options->file); });
+        const auto state = kernelState();
+        std::cout << kernelStateTable(state);
+        if (!report.failures.empty()) {
+            std::cout << "\n" << report.failures.size() << " failure(s):\n";
+            for (const std::string& failure : report.failures) {
+                std::cout << "  " << failure << "\n";
+            }
+        }
+        if (!options->report.empty()) {
+            std::ofstream(options->report) << report.json("kernel", kernelStateJson(state)) << '\n';
+        }
+        if (options->keep) {
+            keepSandbox();
+        }
+        status = report.exitStatus();
+    });
+}
+
+} // namespace Kestrune::Cli
