@@ -7,6 +7,7 @@
 #include "util/Utils.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <netinet/ether.h>
@@ -69,22 +70,37 @@ ChipSimulator::ChipSimulator(const std::string& logPath) {
         std::fclose(std::fopen(logPath.c_str(), "w"));
         log_ = std::fopen(logPath.c_str(), "a");
     }
-    const ether_addr none{};
-    if (taps_.createIntf("fabric", none, true, DEFAULT_NS)) {
-        const int sock = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        setMtu("fabric", cpuMtu, sock);
-        ::close(sock);
-        devices_.insert("fabric");
-    }
+    socket_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    cpuDeviceIs("fabric");
 }
 
 ChipSimulator::~ChipSimulator() {
     for (const auto& [fd, node] : open_) {
         ::close(fd);
     }
+    ::close(socket_);
     if (log_ != nullptr) {
         std::fclose(log_);
     }
+}
+
+void ChipSimulator::environmentIs(const std::string& toolsDir, const std::string& chipLog,
+                                  const std::string& registers) {
+    setenv("SIMULATION_VMID", "kestrune-simulate", 0);
+    const char* path = std::getenv("PATH");
+    setenv("PATH", (toolsDir + ":" + (path != nullptr ? path : "")).c_str(), 1);
+    setenv("KESTRUNE_CHIP_LOG", chipLog.c_str(), 1);
+    setenv("KESTRUNE_CHIP_REGISTERS", registers.c_str(), 1);
+}
+
+bool ChipSimulator::cpuDeviceIs(const std::string& name) {
+    // The chip picks the MAC; the driver sets the bridge MAC afterwards.
+    if (!taps_.createIntf(name, ether_addr{}, true, DEFAULT_NS)) {
+        return false;
+    }
+    setMtu(name.c_str(), cpuMtu, socket_);
+    devices_.insert(name);
+    return true;
 }
 
 void ChipSimulator::log(const std::string& line) {
@@ -183,14 +199,10 @@ int ChipSimulator::fabricCommand(const std::string& command) {
             errno = EEXIST;
             return -1;
         }
-        if (!taps_.createIntf(words[1], ether_addr{}, true, DEFAULT_NS)) {
+        if (!cpuDeviceIs(words[1])) {
             errno = EIO;
             return -1;
         }
-        const int sock = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        setMtu(words[1].c_str(), cpuMtu, sock);
-        ::close(sock);
-        devices_.insert(words[1]);
     } else if (words[0] == "internalvlan") {
         if (devices_.count(words[1]) == 0) {
             errno = ENODEV;

@@ -47,16 +47,25 @@ class ChipSimulator : public ChipDevice {
     const std::map<std::string, std::map<int, int>>& internalVlans() const { return vlans_; }
     const std::set<std::string>& devices() const { return devices_; }
 
+    // What a simulated switch's processes see: SIMULATION_VMID set (no modules to load, no
+    // nodes to make), the chip's tools from toolsDir first on PATH, and where those tools keep
+    // the chip log and the registers.
+    static void environmentIs(const std::string& toolsDir, const std::string& chipLog,
+                              const std::string& registers);
+
     // Checks one fabric command against the table; the reason when it is malformed, else "".
     static std::string malformation(const std::string& command);
 
   private:
     enum class Node { fabric, bde };
     int fabricCommand(const std::string& command);
+    // A CPU device of the chip, in the thread's namespace, with the chip's frame size.
+    bool cpuDeviceIs(const std::string& name);
     int bdeRecord(unsigned long request, const unsigned char* record);
     void log(const std::string& line);
 
     std::FILE* log_ = nullptr;
+    int socket_ = -1; // for the devices' MTU
     std::map<int, Node> open_;
     EthIoctlUtil taps_;
     std::set<std::string> devices_;

@@ -4,6 +4,7 @@
 #include "platform/ChipDevice.h"
 #include "util/Assert.h"
 #include "util/Command.h"
+#include "util/Format.h"
 #include "util/HardwareFeatureStatus.h"
 #include "util/Namespace.h"
 #include "util/NetDevice.h"
@@ -30,13 +31,6 @@ bool simulated() {
 int run(const std::string& commandLine) {
     return runCommand(commandLine, commandInherit, commandInherit, commandInherit,
                       commandNoTimeout);
-}
-
-template <class... Args>
-std::string formatted(const char* format, Args... args) {
-    std::array<char, 256> text{};
-    std::snprintf(text.data(), text.size(), format, args...);
-    return text.data();
 }
 
 } // namespace

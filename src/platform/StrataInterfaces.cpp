@@ -4,24 +4,17 @@
 #include "model/StrataInterface.h"
 #include "model/SubInterface.h"
 #include "platform/StrataDriver.h"
+#include "util/Format.h"
 #include "util/KernelName.h"
 #include "util/Namespace.h"
 #include "util/NetDevice.h"
 #include "util/Trace.h"
 #include "util/Utils.h"
 
-#include <array>
 #include <cstdio>
 
 namespace Kestrune {
 namespace {
-
-template <class... Args>
-std::string formatted(const char* format, Args... args) {
-    std::array<char, 256> text{};
-    std::snprintf(text.data(), text.size(), format, args...);
-    return text.data();
-}
 
 bool isLag(InterfaceType type) {
     return type == InterfaceType::Lag_ || type == InterfaceType::LagRouted_;

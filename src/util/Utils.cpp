@@ -1,6 +1,7 @@
 #include "util/Utils.h"
 
 #include "util/Assert.h"
+#include "util/Format.h"
 #include "util/Netlink.h"
 #include "util/Trace.h"
 
@@ -181,21 +182,12 @@ std::string parentIntfOfSubIntf(const std::string& subIntfName) {
     return subIntfName.substr(0, dot);
 }
 
-namespace {
-
-void pciAddress(char (&text)[32], int bus) {
-    std::snprintf(text, sizeof text, "%d:00.0", bus);
-}
-
-} // namespace
-
 bool schanReadReg(int bus, int block, int index, unsigned reg, unsigned* high, unsigned* low,
                   bool is32) {
-    char address[32];
-    pciAddress(address, bus);
-    char command[128];
-    std::snprintf(command, sizeof command, "schan %s readreg %d %d %u", address, block, index, reg);
-    const std::string output = exec(command);
+    const std::string address = Kestrune::formatted("%d:00.0", bus);
+    const std::string output =
+        exec(Kestrune::formatted("schan %s readreg %d %d %u", address.c_str(), block, index, reg)
+                 .c_str());
     if (output.empty()) {
         return false;
     }
@@ -207,17 +199,13 @@ bool schanReadReg(int bus, int block, int index, unsigned reg, unsigned* high, u
 
 bool schanWriteReg(int bus, int block, int index, unsigned reg, unsigned high, unsigned low,
                    bool is32) {
-    char address[32];
-    pciAddress(address, bus);
-    char command[160];
-    if (is32) {
-        std::snprintf(command, sizeof command, "schan %s writereg %d %d %u %u", address, block,
-                      index, reg, low);
-    } else {
-        std::snprintf(command, sizeof command, "schan %s writereg %d %d %u %u %u", address, block,
-                      index, reg, high, low);
-    }
-    return exec(command).empty();
+    const std::string address = Kestrune::formatted("%d:00.0", bus);
+    const std::string command =
+        is32 ? Kestrune::formatted("schan %s writereg %d %d %u %u", address.c_str(), block, index,
+                                   reg, low)
+             : Kestrune::formatted("schan %s writereg %d %d %u %u %u", address.c_str(), block,
+                                   index, reg, high, low);
+    return exec(command.c_str()).empty();
 }
 
 bool schanReadReg32(int bus, int block, int index, unsigned reg, unsigned* low) {

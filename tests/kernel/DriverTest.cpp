@@ -9,7 +9,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
 #include <set>
 #include <sys/socket.h>
@@ -67,14 +66,6 @@ void ipv6SwitchesFlipped(const std::string& ns) {
     run({"ip", "netns", "exec", ns, "sh", "-c",
          "echo 1 > /proc/sys/net/ipv6/conf/default/disable_ipv6 && "
          "echo 1 > /proc/sys/net/ipv6/conf/default/forwarding"});
-}
-
-std::vector<std::string> messagesOf(const Log::Capture& capture) {
-    std::vector<std::string> messages;
-    for (const Event& event : capture.events()) {
-        messages.push_back(event.group + ": " + event.message);
-    }
-    return messages;
 }
 
 using Restore = PrivateNetwork;
@@ -161,7 +152,7 @@ TEST_F(Restore, RoutedPortsEndInTheirNamespacesWithTheirLayer3Settings) {
     EXPECT_EQ(firstLineOf("/proc/sys/net/ipv6/conf/all/forwarding"), "1");
     EXPECT_EQ(sysctlIn("red", "/proc/sys/net/ipv6/conf/all/forwarding"), "0");
     EXPECT_EQ(inodeOf("/proc/thread-self/ns/net"), inodeOf("/var/run/netns/default"));
-    EXPECT_EQ(messagesOf(events), std::vector<std::string>{});
+    EXPECT_EQ(messagesOf(events.events()), std::vector<std::string>{});
     EXPECT_TRUE(traced("Kestrune:0 doCreateVrfs creating Namespace blue"));
     EXPECT_TRUE(traced("Kestrune:3 moveIntfsToCorrectNs Moving Ethernet1 to red"));
     EXPECT_TRUE(traced("Kestrune:3 configureIntfsInNs  changing NS to default"));
@@ -186,7 +177,7 @@ TEST_F(Restore, AnAddressThatFailsDoesNotStopTheNextOnes) {
         EXPECT_TRUE(link->address(local)) << local;
     }
     EXPECT_TRUE(traced("Kestrune:0 Unable to add 10.1.0.300/24 to et1"));
-    EXPECT_EQ(messagesOf(events),
+    EXPECT_EQ(messagesOf(events.events()),
               std::vector<std::string>{"Driver: Unable to add 10.1.0.300/24 to et1"});
 }
 
@@ -202,7 +193,7 @@ TEST_F(Restore, AnInterfaceNotCreatedIsNeitherMovedNorConfigured) {
     EXPECT_TRUE(linkOf("et1", "red"));
     EXPECT_FALSE(linkOf("et2", "red"));
     EXPECT_FALSE(driver.created("Ethernet2"));
-    EXPECT_EQ(messagesOf(events),
+    EXPECT_EQ(messagesOf(events.events()),
               std::vector<std::string>{"Driver: Unable to create Kernel interface for Ethernet2"});
     for (const std::string& line : traces()) {
         if (line.find("Moving") != std::string::npos ||
@@ -285,7 +276,7 @@ TEST_F(Restore, ARoutedPortIsMadeAnewInsideItsVrf) {
     // The largest frame size goes on through the default namespace's socket, where this port
     // has no device: traced and recorded, and the move still succeeds.
     EXPECT_TRUE(traced("Kestrune:0 Unable to set MTU of et9 to 10240"));
-    EXPECT_EQ(messagesOf(events),
+    EXPECT_EQ(messagesOf(events.events()),
               std::vector<std::string>{"ZelVrfCreate: Unable to set MTU of et9 to 10240"});
 }
 
@@ -307,17 +298,9 @@ class RestoreTools : public PrivateNetwork {
                              dir_.file(tool + ".input") + "\n");
         std::filesystem::permissions(dir_.file(tool), std::filesystem::perms::owner_all);
     }
-    std::vector<std::string> runs() const {
-        std::vector<std::string> lines;
-        std::ifstream file(dir_.file("runs"));
-        for (std::string line; std::getline(file, line);) {
-            lines.push_back(line);
-        }
-        return lines;
-    }
+    std::vector<std::string> runs() const { return linesOf(dir_.file("runs")); }
     std::string input(const std::string& tool) const {
-        std::ifstream file(dir_.file(tool + ".input"));
-        return {std::istreambuf_iterator<char>(file), {}};
+        return contentOf(dir_.file(tool + ".input"));
     }
     const TempDir dir_;
 
@@ -345,7 +328,7 @@ TEST_F(RestoreTools, ACommandThatCannotStartIsRecordedAndTheOtherStillRuns) {
     driver.configureIptablesRules();
     EXPECT_TRUE(traced("Kestrune:0 void Kestrune::Driver::configureIptablesRules(): popen for cmd "
                        "iptables-restore -n failed"));
-    EXPECT_EQ(messagesOf(events),
+    EXPECT_EQ(messagesOf(events.events()),
               std::vector<std::string>{"Driver: popen for cmd iptables-restore -n failed"});
     EXPECT_EQ(runs(), std::vector<std::string>{dir_.file("ip6tables-restore") + " -n"});
     EXPECT_EQ(input("ip6tables-restore"), "*filter\nCOMMIT\n");

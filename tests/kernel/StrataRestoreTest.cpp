@@ -10,20 +10,10 @@
 #include "util/Namespace.h"
 
 #include <cstdlib>
-#include <fstream>
 #include <gtest/gtest.h>
 
 namespace Kestrune::Testing {
 namespace {
-
-std::vector<std::string> linesOf(const std::string& path) {
-    std::ifstream file(path);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(file, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
 
 // A Strata switch restored with the chip simulator behind the seam, as on a simulated switch.
 class StrataRestore : public PrivateNetwork {
@@ -31,10 +21,8 @@ class StrataRestore : public PrivateNetwork {
     void SetUp() override {
         PrivateNetwork::SetUp();
         path_ = std::getenv("PATH");
-        setenv("PATH", (std::string(KESTRUNE_CHIP_TOOLS) + ":" + path_).c_str(), 1);
-        setenv("SIMULATION_VMID", "1", 1);
-        setenv("KESTRUNE_CHIP_LOG", dir_.file("chip.log").c_str(), 1);
-        setenv("KESTRUNE_CHIP_REGISTERS", dir_.file("registers").c_str(), 1);
+        Sim::ChipSimulator::environmentIs(KESTRUNE_CHIP_TOOLS, dir_.file("chip.log"),
+                                          dir_.file("registers"));
         ASSERT_EQ(mountDefaultNs(), 0);
         simulator_ = std::make_shared<Sim::ChipSimulator>(dir_.file("chip.log"));
         chipDeviceIs(simulator_);
@@ -133,14 +121,6 @@ TEST_F(StrataRestore, PortsRoutedPortsAndALagComeUpAndTheChipLogSaysHow) {
     EXPECT_EQ(lag5.at({1, 3}).state, 1);
 }
 
-std::vector<std::string> messagesOf(const Log::Capture& capture) {
-    std::vector<std::string> messages;
-    for (const Event& event : capture.events()) {
-        messages.push_back(event.group + ": " + event.message);
-    }
-    return messages;
-}
-
 TEST_F(StrataRestore, AModuleThatFailsToAddStopsTheBringUpWithTheAdvancedText) {
     config_->strataModuleDelAll();
     config_->strataModuleIs(StrataModule(2, 4, "bcm56855"), true);
@@ -150,7 +130,8 @@ TEST_F(StrataRestore, AModuleThatFailsToAddStopsTheBringUpWithTheAdvancedText) {
     const Driver::Ptr driver = DriverCreator(config_).create();
     EXPECT_FALSE(driver->doInit());
     EXPECT_TRUE(traced("Kestrune:0 Unable to add device 2"));
-    EXPECT_EQ(messagesOf(events), std::vector<std::string>{"StrataDriver: able to add device "});
+    EXPECT_EQ(messagesOf(events.events()),
+              std::vector<std::string>{"StrataDriver: able to add device "});
     EXPECT_EQ(std::dynamic_pointer_cast<StrataDriver>(driver)->fabFd(), 0);
 }
 
@@ -183,7 +164,7 @@ TEST_F(StrataRestore, AnIfaddTheChipRefusesLeavesItsLagPartlyProgrammed) {
     const Driver::Ptr driver = DriverCreator(config_).create();
     ASSERT_TRUE(driver->doInit());
     driver->doCreateKernelInterfaces();
-    EXPECT_EQ(messagesOf(events),
+    EXPECT_EQ(messagesOf(events.events()),
               (std::vector<std::string>{
                   "StrataDriver: Fab Ioctl wasn't successful ifadd et3 1 3 -1 4003 24 1048",
                   "Driver: Unable to create Kernel interface for Ethernet3",

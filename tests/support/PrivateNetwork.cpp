@@ -175,13 +175,6 @@ std::vector<std::string> linkNames(const std::string& ns) {
     return names;
 }
 
-std::string firstLineOf(const std::string& path) {
-    std::ifstream file(path);
-    std::string line;
-    std::getline(file, line);
-    return line;
-}
-
 std::string stdoutOf(const std::function<void()>& body) {
     std::fflush(stdout);
     std::string pattern = std::filesystem::temp_directory_path() / "kestrune-stdout-XXXXXX";

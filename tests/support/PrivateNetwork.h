@@ -55,8 +55,6 @@ std::vector<std::string> linkNames(const std::string& ns = "");
 std::string outputOf(const std::vector<std::string>& argv, int* status = nullptr);
 // Runs an argv that must succeed (for setting up a test).
 void run(const std::vector<std::string>& argv);
-// The first line of a file, or "" when it cannot be read.
-std::string firstLineOf(const std::string& path);
 
 // What a block of code printed on standard output.
 std::string stdoutOf(const std::function<void()>& body);

@@ -72,6 +72,25 @@ std::vector<std::string> messagesOf(const std::vector<Event>& events) {
     return messages;
 }
 
+std::vector<std::string> linesOf(const std::string& path, char separator) {
+    std::ifstream file(path, std::ios::binary);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(file, line, separator);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+std::string firstLineOf(const std::string& path) {
+    const std::vector<std::string> lines = linesOf(path);
+    return lines.empty() ? std::string() : lines.front();
+}
+
+std::string contentOf(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
 std::string shellOutput(const std::string& command, int* status) {
     std::string output;
     FILE* pipe = popen(command.c_str(), "r");

@@ -38,7 +38,14 @@ struct Outcome {
 // process is the unit here because the event log is per process and is stored at exit.
 Outcome runProcess(const TempDir& dir, const std::function<void()>& body);
 
+// "<group>: <message>" of each event.
 std::vector<std::string> messagesOf(const std::vector<Event>& events);
+// The pieces of a file between separators (its lines by default); none when it cannot be read.
+std::vector<std::string> linesOf(const std::string& path, char separator = '\n');
+// The first line of a file, or "" when it cannot be read.
+std::string firstLineOf(const std::string& path);
+// The whole of a file, or "" when it cannot be read.
+std::string contentOf(const std::string& path);
 std::string shellOutput(const std::string& command, int* status);
 
 } // namespace Kestrune::Testing

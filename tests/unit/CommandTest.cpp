@@ -8,9 +8,7 @@
 #include <chrono>
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
-#include <sstream>
 #include <unistd.h>
 
 namespace Kestrune::Testing {
@@ -28,18 +26,8 @@ class Recorder {
     }
     std::string program() const { return dir_.file("record"); }
     std::string marker() const { return dir_.file("pwned"); }
-    std::vector<std::string> arguments() const {
-        std::ifstream file(program() + ".args", std::ios::binary);
-        std::vector<std::string> words;
-        for (std::string word; std::getline(file, word, '\0');) {
-            words.push_back(word);
-        }
-        return words;
-    }
-    std::string input() const {
-        std::ifstream file(program() + ".input", std::ios::binary);
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
+    std::vector<std::string> arguments() const { return linesOf(program() + ".args", '\0'); }
+    std::string input() const { return contentOf(program() + ".input"); }
 
   private:
     TempDir dir_;

@@ -7,7 +7,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
 #include <stdexcept>
 
@@ -72,13 +71,8 @@ class Schan : public ::testing::Test {
     void TearDown() override { setenv("PATH", path_.c_str(), 1); }
     void reply(const std::string& text) const { dir_.write("schan.reply", text); }
     std::string lastCommand() const {
-        std::ifstream log(dir_.file("schan.log"));
-        std::string line;
-        std::string last;
-        while (std::getline(log, line)) {
-            last = line;
-        }
-        return last;
+        const std::vector<std::string> commands = linesOf(dir_.file("schan.log"));
+        return commands.empty() ? std::string() : commands.back();
     }
 
   private:

@@ -2,21 +2,11 @@
 #include "Scenario.h"
 #include "util/Json.h"
 
-#include <fstream>
 #include <gtest/gtest.h>
 #include <set>
 
 namespace Kestrune::Testing {
 namespace {
-
-std::vector<std::string> linesOf(const std::string& path) {
-    std::ifstream file(path);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(file, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
 
 // The README's demo: the Strata example restored with the chip simulator, every kind of
 // interface up, and the chip told exactly what a switch's chip would be told.
@@ -31,8 +21,7 @@ TEST(Simulate, TheStrataExampleComesUpWholeAndTheChipLogIsTheExpectedOne) {
     EXPECT_EQ(linesOf(dir.file("chip.log")), linesOf(std::string(KESTRUNE_SOURCE_DIR) +
                                                      "/tests/vm/expected/strata-example-chip.log"));
 
-    std::ifstream file(dir.file("report.json"));
-    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    const std::string text = contentOf(dir.file("report.json"));
     rapidjson::Document report;
     ASSERT_FALSE(report.Parse(text.c_str()).HasParseError()) << text;
     EXPECT_TRUE(report["ok"].GetBool());

@@ -11,39 +11,27 @@
 namespace Kestrune::Cli {
 namespace {
 
-class Phases {
-  public:
-    explicit Phases(RestoreReport& report) : report_(report) {}
-    // Runs one phase and notes how long it took.
-    template <class Work>
-    auto timed(const char* name, Work work) {
-        const auto start = std::chrono::steady_clock::now();
-        struct Note {
-            RestoreReport& report;
-            const char* name;
-            std::chrono::steady_clock::time_point start;
-            ~Note() {
-                report.phasesMs.emplace_back(name, std::chrono::duration<double, std::milli>(
-                                                       std::chrono::steady_clock::now() - start)
-                                                       .count());
-            }
-        } note{report_, name, start};
-        return work();
-    }
+using Clock = std::chrono::steady_clock;
 
-  private:
-    RestoreReport& report_;
-};
+double msSince(Clock::time_point start) {
+    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
 
 } // namespace
 
 RestoreReport runRestore(const std::function<ConfigParser::Ptr()>& parserOf) {
     RestoreReport report;
-    const auto start = std::chrono::steady_clock::now();
-    Phases phases(report);
-    Config::Ptr config = phases.timed("parse", [&]() -> Config::Ptr {
-        const ConfigParser::Ptr parser = parserOf();
-        return parser ? parser->parse() : nullptr;
+    const auto timed = [&report](const char* phase, const std::function<void()>& work) {
+        const auto start = Clock::now();
+        work();
+        report.phasesMs.emplace_back(phase, msSince(start));
+    };
+    const auto start = Clock::now();
+    Config::Ptr config;
+    timed("parse", [&] {
+        if (const ConfigParser::Ptr parser = parserOf()) {
+            config = parser->parse();
+        }
     });
     // From here on every event is a failure. The parser also records an event for each added
     // subinterface, so its events stay in the history and traces only.
@@ -53,24 +41,21 @@ RestoreReport runRestore(const std::function<ConfigParser::Ptr()>& parserOf) {
     Driver::Ptr driver;
     if (config) {
         report.platformType = config->platformType();
-        driver = phases.timed("init", [&] {
-            Driver::Ptr made = DriverCreator(config).create();
-            report.initialized = made && made->doInit();
-            return made;
+        timed("init", [&] {
+            driver = DriverCreator(config).create();
+            report.initialized = driver && driver->doInit();
         });
     }
     report.started = driver != nullptr;
     if (report.started && report.initialized) {
         // doCreateKernelInterfaces, one step at a time so that each is timed.
         TRACE(3) << "doCreateKernelInterfaces";
-        phases.timed("create", [&] { driver->createIntfsInDefaultNs(); });
-        phases.timed("move", [&] { driver->moveIntfsToCorrectNs(); });
-        phases.timed("configure", [&] { driver->configureIntfsInNs(); });
-        phases.timed("filterRules", [&] { driver->configureIptablesRules(); });
+        timed("create", [&] { driver->createIntfsInDefaultNs(); });
+        timed("move", [&] { driver->moveIntfsToCorrectNs(); });
+        timed("configure", [&] { driver->configureIntfsInNs(); });
+        timed("filterRules", [&] { driver->configureIptablesRules(); });
     }
-    report.phasesMs.emplace_back(
-        "total", std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
-                     .count());
+    report.phasesMs.emplace_back("total", msSince(start));
     if (config) {
         for (const auto& [name, intf] : config->interface()) {
             report.interfaces.push_back({name, kernelIntfName(name),

@@ -47,16 +47,6 @@ bool sandboxed() {
     return true;
 }
 
-// What a simulated switch has: no modules to load, the chip's tools on PATH.
-void simulatedSwitch(const std::string& chipLog, const std::string& registers) {
-    setenv("SIMULATION_VMID", "kestrune-simulate", 0);
-    const char* path = std::getenv("PATH");
-    setenv("PATH", (std::string(KESTRUNE_CHIP_TOOLS) + ":" + (path != nullptr ? path : "")).c_str(),
-           1);
-    setenv("KESTRUNE_CHIP_LOG", chipLog.c_str(), 1);
-    setenv("KESTRUNE_CHIP_REGISTERS", registers.c_str(), 1);
-}
-
 // Leaves a process behind that holds the sandbox (and the devices' queues) until killed.
 void keepSandbox() {
     std::cout.flush();
@@ -93,7 +83,8 @@ void addSimulateCommand(CLI::App& app, int& status) {
         }
         const std::string chipLog =
             options->chipLog.empty() ? "/run/kestrune-chip.log" : options->chipLog;
-        simulatedSwitch(chipLog, "/run/kestrune-chip-registers");
+        Sim::ChipSimulator::environmentIs(KESTRUNE_CHIP_TOOLS, chipLog,
+                                          "/run/kestrune-chip-registers");
         mountDefaultNs();
         auto simulator = std::make_shared<Sim::ChipSimulator>(chipLog);
         chipDeviceIs(simulator);
