@@ -1,5 +1,6 @@
 #include "driver/DriverCreator.h"
 
+#include "platform/SandDriver.h"
 #include "platform/StrataDriver.h"
 #include "util/Trace.h"
 
@@ -12,8 +13,10 @@ Driver::Ptr DriverCreator::create() const {
         TRACE(0) << "Creating Strata driver";
         return std::make_shared<StrataDriver>(config_);
     }
-    // The Sand driver comes with its chip bring-up; until then its platform, like an unknown
-    // one, gets null.
+    if (config_->platformType() == "Sand") {
+        TRACE(0) << "Creating Sand driver";
+        return std::make_shared<SandDriver>(config_);
+    }
     return nullptr;
 }
 

@@ -1,5 +1,6 @@
 #include "platform/ChipDevice.h"
 
+#include <cstdlib>
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -33,6 +34,14 @@ ChipDevice& chipDevice() {
 
 void chipDeviceIs(ChipDevice::Ptr device) {
     current() = device ? std::move(device) : std::make_shared<SystemChipDevice>();
+}
+
+bool fabricIoctl(int fd, const std::string& command) {
+    return chipDevice().ioctl(fd, command.size() + 1, const_cast<char*>(command.c_str())) == 0;
+}
+
+bool simulatedSwitch() {
+    return std::getenv("SIMULATION_VMID") != nullptr;
 }
 
 } // namespace Kestrune

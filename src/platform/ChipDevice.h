@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <string>
 #include <sys/types.h>
 
 namespace Kestrune {
@@ -24,5 +25,13 @@ class ChipDevice {
 ChipDevice& chipDevice();
 // A null handle puts the system calls back.
 void chipDeviceIs(ChipDevice::Ptr device);
+
+// Sends one command on a fabric channel: the request number is the command's length with its
+// terminating NUL, the argument the text. True when the chip's driver took it.
+bool fabricIoctl(int fd, const std::string& command);
+
+// True on a simulated switch ("SIMULATION_VMID" set, any value): its kernel already has the
+// chip's modules and nodes, so the drivers load and make none.
+bool simulatedSwitch();
 
 } // namespace Kestrune

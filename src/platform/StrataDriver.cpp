@@ -14,27 +14,12 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
 namespace Kestrune {
-namespace {
-
-bool simulated() {
-    return std::getenv("SIMULATION_VMID") != nullptr;
-}
-
-// Every command this driver runs passes the runner's defaults.
-int run(const std::string& commandLine) {
-    return runCommand(commandLine, commandInherit, commandInherit, commandInherit,
-                      commandNoTimeout);
-}
-
-} // namespace
-
 const StrataConfig& StrataDriver::strataConfig() const {
     return dynamic_cast<const StrataConfig&>(*config());
 }
@@ -82,7 +67,7 @@ bool StrataDriver::doInit() {
 }
 
 void StrataDriver::configureBdeModuleParam() {
-    if (simulated()) {
+    if (simulatedSwitch()) {
         return;
     }
     std::FILE* file = std::fopen(bdeOptionsFile, "w");
@@ -97,7 +82,7 @@ void StrataDriver::configureBdeModuleParam() {
 }
 
 void StrataDriver::setupFabricDevice() {
-    if (simulated()) {
+    if (simulatedSwitch()) {
         return;
     }
     TRACE(3) << "setupFabricDevice";
@@ -115,7 +100,7 @@ void StrataDriver::setupFabricDevice() {
     const std::string parameter = features.applicationEnable() ? " app_en=1" : " app_en=0";
     TRACE(0) << "setupFabricDevice"
              << " strata-dma module parameter: " << parameter;
-    const int status = run("/sbin/modprobe strata-dma-drv" + parameter);
+    const int status = runCommand("/sbin/modprobe strata-dma-drv" + parameter);
     if (status != 0) {
         TRACE(0) << "setupFabricDevice"
                  << "modprobe strata-dma-drv rc " << status;
@@ -145,7 +130,7 @@ void StrataDriver::setupFabricDevice() {
 }
 
 void StrataDriver::setupBdeDevice() {
-    if (simulated()) {
+    if (simulatedSwitch()) {
         return;
     }
     TRACE(3) << "setupBdeDevice";
@@ -195,9 +180,9 @@ bool StrataDriver::doAddDevice(const StrataModule& module) const {
     if (!chipSpecificInit(module)) {
         return false;
     }
-    rc = run(formatted("fab devrole %d switch", static_cast<int>(module.modId())));
+    rc = runCommand(formatted("fab devrole %d switch", static_cast<int>(module.modId())));
     KESTRUNE_ASSERT(rc == 0);
-    rc = run(formatted("fab devstate %d up", static_cast<int>(module.modId())));
+    rc = runCommand(formatted("fab devstate %d up", static_cast<int>(module.modId())));
     KESTRUNE_ASSERT(rc == 0);
     return true;
 }
@@ -227,7 +212,7 @@ bool StrataDriver::doEnableInterrupts() const {
 bool StrataDriver::doFabIoctl(const std::string& cmd) const {
     TRACE(3) << "doFabIoctl"
              << " " << cmd;
-    return chipDevice().ioctl(fabFd_, cmd.size() + 1, const_cast<char*>(cmd.c_str())) == 0;
+    return fabricIoctl(fabFd_, cmd);
 }
 
 bool chipSpecificInit(const StrataModule& module) {

@@ -3,44 +3,126 @@
 #include "util/Json.h"
 
 #include <gtest/gtest.h>
+#include <map>
 #include <set>
 
 namespace Kestrune::Testing {
 namespace {
 
+// One `kestrune simulate` of an example store: its exit status, its report and its chip log.
+struct Simulation {
+    TempDir dir;
+    int status = -1;
+    rapidjson::Document report;
+
+    explicit Simulation(const std::string& example) {
+        outputOf({KESTRUNE_CLI, "simulate",
+                  std::string(KESTRUNE_SOURCE_DIR) + "/examples/" + example + ".json", "--history",
+                  "", "--trace-file", dir.file("trace.txt"), "--chip-log", dir.file("chip.log"),
+                  "--report", dir.file("report.json")},
+                 &status);
+        const std::string text = contentOf(dir.file("report.json"));
+        EXPECT_FALSE(report.Parse(text.c_str()).HasParseError()) << text;
+    }
+    std::vector<std::string> chipLog() const { return linesOf(dir.file("chip.log")); }
+    static std::vector<std::string> expectedChipLog(const std::string& example) {
+        return linesOf(std::string(KESTRUNE_SOURCE_DIR) + "/tests/vm/expected/" + example +
+                       "-example-chip.log");
+    }
+    // namespace -> device -> its state in the report.
+    std::map<std::string, std::map<std::string, const rapidjson::Value*>> kernel() const {
+        std::map<std::string, std::map<std::string, const rapidjson::Value*>> devices;
+        for (const auto& ns : report["kernel"].GetObject()) {
+            for (const auto& device : ns.value.GetArray()) {
+                devices[ns.name.GetString()][device["name"].GetString()] = &device;
+            }
+        }
+        return devices;
+    }
+};
+
 // The README's demo: the Strata example restored with the chip simulator, every kind of
 // interface up, and the chip told exactly what a switch's chip would be told.
 TEST(Simulate, TheStrataExampleComesUpWholeAndTheChipLogIsTheExpectedOne) {
-    const TempDir dir;
-    int status = -1;
-    outputOf({KESTRUNE_CLI, "simulate", std::string(KESTRUNE_SOURCE_DIR) + "/examples/strata.json",
-              "--history", "", "--trace-file", dir.file("trace.txt"), "--chip-log",
-              dir.file("chip.log"), "--report", dir.file("report.json")},
-             &status);
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(linesOf(dir.file("chip.log")), linesOf(std::string(KESTRUNE_SOURCE_DIR) +
-                                                     "/tests/vm/expected/strata-example-chip.log"));
-
-    const std::string text = contentOf(dir.file("report.json"));
-    rapidjson::Document report;
-    ASSERT_FALSE(report.Parse(text.c_str()).HasParseError()) << text;
-    EXPECT_TRUE(report["ok"].GetBool());
-    EXPECT_EQ(report["failures"]["count"].GetUint(), 0U);
+    const Simulation run("strata");
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.chipLog(), Simulation::expectedChipLog("strata"));
+    EXPECT_TRUE(run.report["ok"].GetBool());
+    EXPECT_EQ(run.report["failures"]["count"].GetUint(), 0U);
     std::set<std::string> types;
-    for (const auto& intf : report["interfaces"].GetArray()) {
+    for (const auto& intf : run.report["interfaces"].GetArray()) {
         EXPECT_TRUE(intf["created"].GetBool()) << intf["name"].GetString();
         types.insert(intf["type"].GetString());
     }
     EXPECT_EQ(types,
               (std::set<std::string>{"L2", "RoutedPort", "Lag", "LagRouted", "SubIntf", "SVI"}));
     std::set<std::string> namespaces;
-    for (const auto& ns : report["kernel"].GetObject()) {
-        namespaces.insert(ns.name.GetString());
-        for (const auto& device : ns.value.GetArray()) {
-            EXPECT_TRUE(device["adminUp"].GetBool()) << device["name"].GetString();
+    for (const auto& [ns, devices] : run.kernel()) {
+        namespaces.insert(ns);
+        for (const auto& [name, device] : devices) {
+            EXPECT_TRUE((*device)["adminUp"].GetBool()) << name;
         }
     }
     EXPECT_EQ(namespaces, (std::set<std::string>{"default", "ns-blue", "ns-red"}));
+}
+
+// The Sand example: ports and SVIs come up; the platform makes no subinterfaces or LAGs, and
+// the restore says so for each one, in the order the passes meet them.
+TEST(Simulate, TheSandExampleBringsUpPortsAndSvisAndReportsItsLagsAndSubinterfaces) {
+    const Simulation run("sand");
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.chipLog(), Simulation::expectedChipLog("sand"));
+    std::vector<std::string> failures;
+    for (const auto& text : run.report["failures"]["texts"].GetArray()) {
+        failures.emplace_back(text.GetString());
+    }
+    std::vector<std::string> expected;
+    for (const char* lag : {"Port-Channel1", "Port-Channel2", "Port-Channel3", "Port-Channel4"}) {
+        expected.push_back(std::string("Driver: Unable to create Kernel interface for ") + lag);
+    }
+    for (int port = 1; port <= 5; ++port) {
+        expected.push_back("Driver: Unable to create Kernel interface for Ethernet1/" +
+                           std::to_string(port) + ".100");
+    }
+    expected.emplace_back(
+        "Driver: Skipping creation of Port-Channel1.100 due to missing parent interface");
+    expected.emplace_back("Driver: Unable to create Kernel interface for Port-Channel1.100");
+    EXPECT_EQ(failures, expected);
+
+    for (const auto& intf : run.report["interfaces"].GetArray()) {
+        const std::string type = intf["type"].GetString();
+        const bool made = type == "L2" || type == "RoutedPort" || type == "SVI";
+        EXPECT_EQ(intf["created"].GetBool(), made) << intf["name"].GetString();
+    }
+    const auto kernel = run.kernel();
+    const struct {
+        const char* ns;
+        const char* device;
+        unsigned mtu;
+        const char* ipv4;
+        const char* kind;
+    } devices[] = {{"default", "et1_1", 9000, "10.1.0.1/24", "tun"},
+                   {"ns-red", "et1_2", 1500, "10.1.1.1/24", "tun"},
+                   {"ns-blue", "et1_3", 1500, "10.1.2.1/24", "tun"},
+                   {"default", "et1_10", 9000, "10.1.9.1/24", "tun"},
+                   {"default", "vlan10", 1500, "10.4.0.1/24", "vlan"},
+                   {"ns-red", "vlan11", 1500, "10.4.1.1/24", "vlan"},
+                   {"ns-blue", "vlan12", 1500, "10.4.2.1/24", "vlan"}};
+    for (const auto& want : devices) {
+        ASSERT_EQ(kernel.at(want.ns).count(want.device), 1U) << want.ns << " " << want.device;
+        const rapidjson::Value& device = *kernel.at(want.ns).at(want.device);
+        EXPECT_TRUE(device["adminUp"].GetBool()) << want.device;
+        EXPECT_EQ(device["mtu"].GetUint(), want.mtu) << want.device;
+        EXPECT_EQ(device["kind"].GetString(), std::string(want.kind)) << want.device;
+        EXPECT_EQ(device["ipv4"][0].GetString(), std::string(want.ipv4)) << want.device;
+    }
+    // Every CPU device the chip made carries the prio root qdisc the driver adds.
+    for (const auto& [name, device] : kernel.at("default")) {
+        if (name.rfind("et", 0) == 0) {
+            EXPECT_EQ((*device)["qdisc"].GetString(), std::string("prio")) << name;
+        }
+    }
+    EXPECT_EQ(kernel.at("default").count("po1"), 0U);
 }
 
 } // namespace

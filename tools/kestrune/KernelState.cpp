@@ -12,6 +12,7 @@
 #include <linux/if.h>
 #include <linux/if_addr.h>
 #include <linux/if_link.h>
+#include <linux/pkt_sched.h>
 #include <linux/rtnetlink.h>
 #include <map>
 #include <sstream>
@@ -111,15 +112,33 @@ int addressMessage(const nlmsghdr* message, void* data) {
     return MNL_CB_OK;
 }
 
-// One dump request and every answer to it.
-bool dump(int fd, std::uint16_t type, std::uint8_t family, mnl_cb_t callback, Dump& into) {
+int qdiscMessage(const nlmsghdr* message, void* data) {
+    const auto* qdisc = static_cast<const tcmsg*>(mnl_nlmsg_get_payload(message));
+    if (qdisc->tcm_parent != TC_H_ROOT) {
+        return MNL_CB_OK;
+    }
+    std::string& kind = static_cast<Dump*>(data)->devices[qdisc->tcm_ifindex].qdisc;
+    mnl_attr_parse(
+        message, sizeof(tcmsg),
+        [](const nlattr* attribute, void* target) {
+            if (mnl_attr_get_type(attribute) == TCA_KIND) {
+                *static_cast<std::string*>(target) = mnl_attr_get_str(attribute);
+            }
+            return MNL_CB_OK;
+        },
+        &kind);
+    return MNL_CB_OK;
+}
+
+// One dump request and every answer to it. The request's header is `headerSize` zero bytes
+// but for the address family in the first, as every rtnetlink header starts.
+bool dump(int fd, std::uint16_t type, std::size_t headerSize, mnl_cb_t callback, Dump& into) {
     alignas(nlmsghdr) std::array<char, 256> request{};
     nlmsghdr* header = mnl_nlmsg_put_header(request.data());
     header->nlmsg_type = type;
     header->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
     header->nlmsg_seq = 1;
-    auto* generic = static_cast<rtgenmsg*>(mnl_nlmsg_put_extra_header(header, sizeof(rtgenmsg)));
-    generic->rtgen_family = family;
+    mnl_nlmsg_put_extra_header(header, headerSize);
     if (send(fd, header, header->nlmsg_len, 0) < 0) {
         return false;
     }
@@ -160,8 +179,9 @@ std::vector<NamespaceState> kernelState() {
             continue;
         }
         Dump found;
-        dump(fd, RTM_GETLINK, AF_UNSPEC, linkMessage, found);
-        dump(fd, RTM_GETADDR, AF_UNSPEC, addressMessage, found);
+        dump(fd, RTM_GETLINK, sizeof(rtgenmsg), linkMessage, found);
+        dump(fd, RTM_GETADDR, sizeof(rtgenmsg), addressMessage, found);
+        dump(fd, RTM_GETQDISC, sizeof(tcmsg), qdiscMessage, found);
         close(fd);
         NamespaceState ns{name, {}};
         for (auto& [index, device] : found.devices) {
@@ -195,6 +215,8 @@ std::string kernelStateJson(const std::vector<NamespaceState>& state) {
             writer.Bool(device.adminUp);
             writer.Key("operState");
             writer.String(device.operState.c_str());
+            writer.Key("qdisc");
+            writer.String(device.qdisc.c_str());
             for (const auto& [key, list] :
                  {std::pair{"ipv4", &device.ipv4}, {"ipv6", &device.ipv6}}) {
                 writer.Key(key);
@@ -217,8 +239,8 @@ std::string kernelStateTable(const std::vector<NamespaceState>& state) {
     for (const NamespaceState& ns : state) {
         out << "namespace " << ns.name << "\n";
         char line[256];
-        std::snprintf(line, sizeof line, "  %-15s %-6s %5s  %-17s %-5s %-8s %s\n", "device", "kind",
-                      "mtu", "mac", "admin", "oper", "addresses");
+        std::snprintf(line, sizeof line, "  %-15s %-6s %5s  %-17s %-5s %-8s %-10s %s\n", "device",
+                      "kind", "mtu", "mac", "admin", "oper", "qdisc", "addresses");
         out << line;
         for (const DeviceState& device : ns.devices) {
             std::string addresses;
@@ -227,10 +249,11 @@ std::string kernelStateTable(const std::vector<NamespaceState>& state) {
                     addresses += (addresses.empty() ? "" : " ") + address;
                 }
             }
-            std::snprintf(line, sizeof line, "  %-15s %-6s %5u  %-17s %-5s %-8s %s\n",
+            std::snprintf(line, sizeof line, "  %-15s %-6s %5u  %-17s %-5s %-8s %-10s %s\n",
                           device.name.c_str(), device.kind.empty() ? "-" : device.kind.c_str(),
                           device.mtu, device.mac.c_str(), device.adminUp ? "up" : "down",
-                          device.operState.c_str(), addresses.c_str());
+                          device.operState.c_str(),
+                          device.qdisc.empty() ? "-" : device.qdisc.c_str(), addresses.c_str());
             out << line;
         }
     }

@@ -14,6 +14,7 @@ struct DeviceState {
     std::string mac;
     bool adminUp = false;
     std::string operState;
+    std::string qdisc;             // the root queueing discipline's kind, "" for none
     std::vector<std::string> ipv4; // "10.0.0.1/24"
     std::vector<std::string> ipv6; // global ones; link-local addresses are left out
 };

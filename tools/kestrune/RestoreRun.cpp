@@ -19,7 +19,8 @@ double msSince(Clock::time_point start) {
 
 } // namespace
 
-RestoreReport runRestore(const std::function<ConfigParser::Ptr()>& parserOf) {
+RestoreReport runRestore(const std::function<ConfigParser::Ptr()>& parserOf,
+                         const std::function<void(const Config&)>& parsed) {
     RestoreReport report;
     const auto timed = [&report](const char* phase, const std::function<void()>& work) {
         const auto start = Clock::now();
@@ -41,6 +42,9 @@ RestoreReport runRestore(const std::function<ConfigParser::Ptr()>& parserOf) {
     Driver::Ptr driver;
     if (config) {
         report.platformType = config->platformType();
+        if (parsed) {
+            parsed(*config);
+        }
         timed("init", [&] {
             driver = DriverCreator(config).create();
             report.initialized = driver && driver->doInit();

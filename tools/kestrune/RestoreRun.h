@@ -33,7 +33,9 @@ struct RestoreReport {
 };
 
 // The caller's sequence: parse, choose the driver, bring the chip up, then create, move,
-// configure and restore the filter rules, each phase timed.
-RestoreReport runRestore(const std::function<ConfigParser::Ptr()>& parserOf);
+// configure and restore the filter rules, each phase timed. `parsed` sees the configuration
+// before the driver is chosen (the simulator picks its chip family there).
+RestoreReport runRestore(const std::function<ConfigParser::Ptr()>& parserOf,
+                         const std::function<void(const Config&)>& parsed = {});
 
 } // namespace Kestrune::Cli

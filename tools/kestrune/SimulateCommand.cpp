@@ -17,6 +17,7 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <unistd.h>
+#include <vector>
 
 namespace Kestrune::Cli {
 
@@ -26,6 +27,7 @@ struct SimulateOptions {
     std::string file = KESTRUNE_EXAMPLE_STORE;
     std::string chipLog;
     std::string report;
+    std::vector<std::string> refused;
     bool keep = false;
     CommonOptions common;
 };
@@ -68,11 +70,15 @@ void addSimulateCommand(CLI::App& app, int& status) {
         "simulate", "Restore a store on this machine inside a private network namespace, with "
                     "the chip simulator in place of the switch chip, and show what the kernel "
                     "holds afterwards");
-    command->add_option("FILE", options->file,
-                        "The persistent store (default: the Strata example)");
+    command->add_option(
+        "FILE", options->file,
+        "The persistent store, of either chip family (default: the Strata example)");
     command->add_option("--chip-log", options->chipLog,
                         "Keep the chip log (every chip operation, in order) in this file");
     command->add_option("--report", options->report, "Write what the restore did as JSON");
+    command->add_option("--chip-refuses", options->refused,
+                        "Rehearse a failing chip: it refuses every fabric command of this name "
+                        "(repeatable)");
     command->add_flag("--keep", options->keep, "Leave the sandbox alive and say how to enter it");
     options->common.addTo(*command);
     command->callback([options, &status] {
@@ -83,13 +89,24 @@ void addSimulateCommand(CLI::App& app, int& status) {
         }
         const std::string chipLog =
             options->chipLog.empty() ? "/run/kestrune-chip.log" : options->chipLog;
+        if (!std::ofstream(chipLog)) {
+            std::cerr << "kestrune simulate: cannot write the chip log " << chipLog << " ("
+                      << std::strerror(errno) << ")\n";
+            status = 2;
+            return;
+        }
         Sim::ChipSimulator::environmentIs(KESTRUNE_CHIP_TOOLS, chipLog,
                                           "/run/kestrune-chip-registers");
         mountDefaultNs();
-        auto simulator = std::make_shared<Sim::ChipSimulator>(chipLog);
-        chipDeviceIs(simulator);
+        std::shared_ptr<Sim::ChipSimulator> simulator;
         const RestoreReport report =
-            runRestore([&] { return configParserCreatorFactory()->createFrom(options->file); });
+            runRestore([&] { return configParserCreatorFactory()->createFrom(options->file); },
+                       [&](const Config& config) {
+                           simulator = std::make_shared<Sim::ChipSimulator>(
+                               chipLog, Sim::ChipSimulator::familyOf(config.platformType()));
+                           simulator->refusedIs({options->refused.begin(), options->refused.end()});
+                           chipDeviceIs(simulator);
+                       });
         const auto state = kernelState();
         std::cout << kernelStateTable(state);
         if (!report.failures.empty()) {

@@ -1,0 +1,87 @@
+// The Sand driver's devices: each front-panel port becomes a CPU device by "ifadd" on the
+// fabric channel, with its native VLAN, its internal VLAN when routed, and a prio root qdisc.
+#include "model/SandInterface.h"
+#include "platform/SandDriver.h"
+#include "util/Command.h"
+#include "util/Format.h"
+#include "util/KernelName.h"
+#include "util/Namespace.h"
+#include "util/Trace.h"
+#include "util/Utils.h"
+
+namespace Kestrune {
+
+bool SandDriver::createInterface(const Interface* intf, const std::string& mac, bool routed) {
+    TRACE(3) << "SandDriver::"
+             << "createInterface"
+             << " " << intf->name() << " " << mac;
+    const std::string k = kernelIntfName(intf->name());
+    if (k.empty()) {
+        return failed("Unable to create " + intf->name() + ": not a kernel device name");
+    }
+    const auto& port = dynamic_cast<const SandInterface&>(*intf);
+    const auto integer = [](std::uint32_t value) { return static_cast<int>(value); };
+    if (!doFabIoctl(formatted("ifadd %s %d %d %s ctrl", k.c_str(), integer(port.systemPhyPortId()),
+                              integer(port.trafficClass()), port.deviceName().c_str()))) {
+        return failed("Unable to create kernel Interface for " + intf->name());
+    }
+    const int nativeVlan = port.nativeVlan() == 0 ? noNativeVlan : integer(port.nativeVlan());
+    if (!doFabIoctl(formatted("native_vlan %s %d %d", k.c_str(), integer(port.dot1qTunnel()),
+                              nativeVlan))) {
+        return failed("Unable to set native vlan for " + intf->name());
+    }
+    // The Sand command takes the VLAN first, unlike Strata's "internalvlan".
+    if (routed &&
+        !doFabIoctl(formatted("internalvlan %d %s", integer(port.internalVlan()), k.c_str()))) {
+        return failed("Unable to set internalvlan for " + intf->name());
+    }
+    if (!setMacAddress(k.c_str(), mac.c_str(), sockFd(DEFAULT_NS))) {
+        return failed("Couldn't set MAC address for " + k);
+    }
+    if (!setDevUp(k.c_str(), sockFd(DEFAULT_NS))) {
+        return failed("Couldn't set Device state UP for " + k);
+    }
+    if (setDeviceOperStatusUp(netlinkFd(DEFAULT_NS), k) == 0) {
+        return failed("Couldn't set Oper state UP for " + k);
+    }
+    // tc's complaint about a qdisc already there is noise: only a tc that did not run fails.
+    const int status =
+        runCommand(formatted("/sbin/tc qdisc add dev %s root handle 1: prio", k.c_str()),
+                   commandInherit, commandInherit, commandDiscard, commandNoTimeout);
+    if (status < 0) {
+        return failed("Failed to add prio qdisc for " + k);
+    }
+    return true;
+}
+
+bool SandDriver::createL2Interface(const Interface* intf, const std::string& mac) {
+    TRACE(3) << "SandDriver::"
+             << "createL2Interface"
+             << " " << intf->name() << " " << mac;
+    return createInterface(intf, mac, false);
+}
+
+bool SandDriver::createRoutedPortInterface(const Interface* intf, const std::string& mac) {
+    TRACE(3) << "SandDriver::"
+             << "createRoutedPortInterface"
+             << " " << intf->name() << " " << mac;
+    return createInterface(intf, mac, true);
+}
+
+// This platform makes no kernel devices for subinterfaces and LAGs: the restore reports them
+// as not created.
+bool SandDriver::createSubInterface(const Interface* intf, const std::string& mac) {
+    TRACE(3) << "SandDriver::"
+             << "createSubInterface"
+             << " " << intf->name() << " " << mac;
+    return false;
+}
+
+bool SandDriver::createLagInterface(const Interface* intf, const std::string& mac) {
+    TRACE(3) << "SandDriver::"
+             << "createLagInterface"
+             << " " << intf->name() << " " << mac;
+    return false;
+}
+
+} // namespace Kestrune
