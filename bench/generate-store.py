@@ -158,8 +158,6 @@ class Store:
 def rules(count, ipv6):
     """A control-plane filter in save format: established traffic, the routing and
     monitoring protocols from the fabric's peers, management, then a drop."""
-    peers = "2001:db8:ffff::/48" if ipv6 else "10.0.0.0/8"
-    mgmt = "2001:db8:fffe::/48" if ipv6 else "192.0.2.0/24"
     icmp = "-p ipv6-icmp -j ACCEPT" if ipv6 else "-p icmp -m icmp --icmp-type 8 -j ACCEPT"
     lines = ["*filter", ":INPUT ACCEPT [0:0]", ":FORWARD ACCEPT [0:0]", ":OUTPUT ACCEPT [0:0]",
              ":CONTROL-PLANE - [0:0]",
@@ -170,9 +168,15 @@ def rules(count, ipv6):
                 ("udp", 161), ("tcp", 443), ("udp", 123), ("tcp", 830), ("udp", 514)]
     for i in range(max(0, count - 4)):
         protocol, port = services[i % len(services)]
+        # Each round of services is for another peer network, so every rule is distinct.
+        peer = i // len(services)
+        peers = ("2001:db8:ffff:%x::/64" % peer if ipv6
+                 else "10.%d.%d.0/24" % (peer // 256, peer % 256))
+        mgmt = ("2001:db8:fffe::%x/128" % peer if ipv6
+                else "192.0.%d.%d/32" % (2 + peer // 256, peer % 256))
         source = peers if port in (179, 3784, 3785, 4784) else mgmt
         lines.append("-A CONTROL-PLANE -s %s -p %s -m %s --dport %d -j ACCEPT"
-                     % (source, protocol, protocol, port + 10000 * (i // len(services))))
+                     % (source, protocol, protocol, port))
     lines += ["-A CONTROL-PLANE -i lo -j ACCEPT", "-A CONTROL-PLANE -j DROP", "COMMIT", ""]
     return "\n".join(lines)
 

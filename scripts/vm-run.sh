@@ -3,7 +3,8 @@
 # with VLAN, prio qdisc and TAP support, whatever the host kernel lacks. The guest sees the
 # host's files read-only, loads its own modules, and hands the program's exit status back
 # through a file in a writable folder. Exits with that status; a guest that cannot start is
-# a failure that says why.
+# a failure that says why. KESTRUNE_VM_WRITABLE=DIR (an existing host folder, absolute path
+# without blanks) is writable in the guest at the same path, for results to keep.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 
@@ -29,7 +30,8 @@ done >"$out/command"
 timeout "${KESTRUNE_VM_TIMEOUT:-600}" "$kernel" mem=768M quiet loglevel=0 \
     rootfstype=hostfs rootflags=/ ro init="$root/tests/vm/guest-init.sh" \
     con=null con0=null,fd:1 uml_dir="$out" \
-    KESTRUNE_GUEST_OUT="$out" KESTRUNE_GUEST_CWD="$PWD" </dev/null ||
+    KESTRUNE_GUEST_OUT="$out" KESTRUNE_GUEST_CWD="$PWD" \
+    KESTRUNE_GUEST_WRITABLE="${KESTRUNE_VM_WRITABLE:-}" </dev/null ||
     echo "vm tier: the guest exited with status $?" >&2
 
 [ -s "$out/status" ] || fail "the guest did not report a status: it could not start or it crashed"

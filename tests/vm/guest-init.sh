@@ -14,6 +14,10 @@ mkdir -p $scratch
 mount -t tmpfs tmpfs $scratch
 mkdir $scratch/tmp $scratch/out
 mount -t hostfs -o "$KESTRUNE_GUEST_OUT" hostfs $scratch/out
+# A host folder the caller asked to keep the guest's results in, writable at its own path.
+if [ -n "${KESTRUNE_GUEST_WRITABLE:-}" ]; then
+    mount -t hostfs -o "$KESTRUNE_GUEST_WRITABLE" hostfs "$KESTRUNE_GUEST_WRITABLE"
+fi
 
 status=1
 finish() {
