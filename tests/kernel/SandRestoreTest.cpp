@@ -7,6 +7,7 @@
 #include "model/SandConfig.h"
 #include "model/SandInterface.h"
 #include "model/SubInterface.h"
+#include "platform/ChipDevice.h"
 #include "platform/SandDriver.h"
 #include "util/Namespace.h"
 
@@ -16,6 +17,7 @@
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <tuple>
 
 namespace Kestrune::Testing {
 namespace {
@@ -225,6 +227,38 @@ TEST_F(SandRestore, EachPortStepThatFailsStopsThePortWithItsText) {
         }
         EXPECT_EQ(messagesOf(events.events()), failures) << number;
     }
+}
+
+// The simulated chip holds the driver to the order and shapes a Sand chip's driver needs, so
+// a restore that passes against it sends what a switch would take.
+TEST_F(SandRestore, TheSimulatedChipRefusesWhatASandChipWould) {
+    const struct {
+        const char* command;
+        bool taken;
+    } steps[] = {
+        {"devname fap9 0000:09:00.0", false}, // before the driver's parameters
+        {"drvparams 1024 16 3", true},
+        {"ifadd et9 100 0 fap9 ctrl", false}, // an unknown FAP
+        {"devname fap9 0000:09:00.0", true},
+        {"devstate fap9 up", false}, // a FAP without its parameters
+        {"devparams fap9 1 3 0 1 2 3 4", true},
+        {"devstate fap9 up", true},
+        {"ifadd et9 100 0 fap9 ctl", false},
+        {"ifadd et9 100 0 fap9 ctrl", true},
+        {"ifadd et9 100 0 fap9 ctrl", false}, // the device exists
+        {"native_vlan et9 0 4097", false},
+        {"native_vlan et9 0 4096", true},
+        {"internalvlan et9 4000", false}, // Strata's order
+        {"internalvlan 4000 et9", true},
+        {"lagmemberadd 1 1 1", false}, // a Strata command
+    };
+    for (const auto& step : steps) {
+        EXPECT_EQ(fabricIoctl(0, step.command), step.taken) << step.command;
+    }
+    const auto& port = simulator_->sandPorts().at("et9");
+    EXPECT_EQ(std::tie(port.systemPort, port.fap, port.nativeVlan, port.internalVlan),
+              std::make_tuple(100, std::string("fap9"), 4096, 4000));
+    EXPECT_TRUE(linkOf("et9"));
 }
 
 // The driver's parameters and the FAP registrations must be taken: a chip that refuses one
