@@ -216,8 +216,10 @@ std::string ChipSimulator::malformation(Family family, const std::string& comman
             wanted = "\"" + shape[i] + "\"";
         }
         if (!wanted.empty()) {
-            return words[0] + " argument " + std::to_string(i + 1) + " \"" + word + "\" is not " +
-                   wanted;
+            std::string reason = words[0];
+            reason += " argument " + std::to_string(i + 1);
+            reason += " \"" + word + "\" is not ";
+            return reason + wanted;
         }
     }
     return {};
