@@ -277,5 +277,23 @@ TEST_F(SandRestore, ARefusedBringUpCommandEndsTheProcessOnTheWrittenAssertion) {
     }
 }
 
+// The same ending from the command line: a rehearsed chip failure ends `simulate` on the
+// assertion, and the history it leaves says so.
+TEST(SandSimulate, AChipThatRefusesItsDriverParametersEndsTheRestoreWithItsStoryOnDisk) {
+    const TempDir dir;
+    const std::string cli = KESTRUNE_CLI;
+    int status = 0;
+    const std::string output = shellOutput(
+        cli + " simulate " + KESTRUNE_SOURCE_DIR + "/examples/sand.json --chip-refuses drvparams" +
+            " --trace-file /dev/null --history " + dir.file("history.db") + " 2>&1",
+        &status);
+    EXPECT_EQ(status, 128 + SIGABRT) << output;
+    EXPECT_NE(output.find("doFabIoctl( cmd )"), std::string::npos) << output;
+    const std::string events =
+        shellOutput(cli + " events --history " + dir.file("history.db"), &status);
+    EXPECT_NE(events.find("Assertion"), std::string::npos) << events;
+    EXPECT_NE(events.find("assertion failed: doFabIoctl( cmd )"), std::string::npos) << events;
+}
+
 } // namespace
 } // namespace Kestrune::Testing
