@@ -19,9 +19,6 @@
 namespace Kestrune::Sim {
 namespace {
 
-constexpr unsigned long addDeviceRequest = 0x4C34;
-constexpr unsigned long enableInterruptsRequest = 0x4C06;
-
 bool isInteger(const std::string& word) {
     if (word.empty()) {
         return false;
@@ -140,9 +137,9 @@ void ChipSimulator::log(const std::string& line) {
 int ChipSimulator::open(const char* path, int) {
     const std::string name(path);
     Node node{};
-    if (name == "/dev/fabric") {
+    if (name == fabricDevicePath) {
         node = Node::fabric;
-    } else if (name == "/dev/kovana-bde") {
+    } else if (name == bdeDevicePath) {
         node = Node::bde;
     } else {
         errno = ENOENT;
@@ -346,12 +343,12 @@ int ChipSimulator::newCpuDevice(const std::string& name) {
 }
 
 int ChipSimulator::bdeRecord(unsigned long request, const unsigned char* record) {
-    if (request == addDeviceRequest) {
+    if (request == bdeAddDeviceRequest) {
         log("bde adddevice bus=" + std::to_string(u32At(record, 8)) +
             " mod=" + std::to_string(u32At(record, 12)));
         return 0;
     }
-    if (request == enableInterruptsRequest) {
+    if (request == bdeEnableInterruptsRequest) {
         const std::uint32_t count = u32At(record, 28);
         std::string line = "bde interrupts " + std::to_string(count);
         for (std::uint32_t i = 0; i < count; ++i) {

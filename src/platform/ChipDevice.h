@@ -6,6 +6,15 @@
 
 namespace Kestrune {
 
+// The chip's character devices and the bde driver's requests, as its kernel modules define
+// them.
+inline constexpr const char* fabricDevicePath = "/dev/fabric";
+inline constexpr unsigned fabricDeviceMajor = 240;
+inline constexpr const char* bdeDevicePath = "/dev/kovana-bde";
+inline constexpr unsigned bdeDeviceMajor = 127;
+inline constexpr unsigned long bdeAddDeviceRequest = 0x4C34;
+inline constexpr unsigned long bdeEnableInterruptsRequest = 0x4C06;
+
 // The one way the platform drivers reach the chip's character devices (/dev/fabric and the
 // bde device). The production implementation makes the system calls; the chip simulator sees
 // the same bytes the chip's kernel driver would: the fabric request number is the command's

@@ -2,6 +2,7 @@
 
 #include "log/Log.h"
 #include "platform/ChipDevice.h"
+#include "platform/CpuDevice.h"
 #include "util/Assert.h"
 #include "util/Command.h"
 #include "util/Format.h"
@@ -43,12 +44,9 @@ bool SandDriver::doInit() {
         doAddDevice(fap);
     }
     // No doEnableInterrupts(): the Sand chip's driver enables its own.
-    const int sock = sockFd(DEFAULT_NS);
-    if (!setMacAddress("fabric", config()->bridgeMac().c_str(), sock)) {
-        return failed("Unable to set fabric MAC address");
-    }
-    if (!setDevUp("fabric", sock)) {
-        return failed("Unable to set fabric device state to Up");
+    if (const std::string failure = fabricDeviceUp(config()->bridgeMac(), sockFd(DEFAULT_NS));
+        !failure.empty()) {
+        return failed(failure);
     }
     return true;
 }
@@ -70,13 +68,13 @@ void SandDriver::setupFabricDevice() {
         eventIs(std::string("setupFabricDevice") + " modprobe sand-dma failed");
     }
     ChipDevice& device = chipDevice();
-    const int made = device.mknod(fabricDevice, S_IFCHR | 0666, makedev(240, 0));
+    const int made = device.mknod(fabricDevicePath, S_IFCHR | 0666, makedev(fabricDeviceMajor, 0));
     if (made != 0) {
         TRACE(0) << "setupFabricDevice"
                  << " mknod /dev/fabric rc " << made;
         eventIs(std::string("setupFabricDevice") + " mknod /dev/fabric failed");
     }
-    const int fd = device.open(fabricDevice, O_RDWR);
+    const int fd = device.open(fabricDevicePath, O_RDWR);
     if (fd < 0) {
         TRACE(0) << "setupFabricDevice"
                  << " open failed. errno: " << errno;
@@ -98,13 +96,13 @@ void SandDriver::setupBdeDevice() {
              << "kovana-bde"
              << " kernel module and creating device";
     ChipDevice& device = chipDevice();
-    const int made = device.mknod(bdeDevice, S_IFCHR | 0666, makedev(127, 0));
+    const int made = device.mknod(bdeDevicePath, S_IFCHR | 0666, makedev(bdeDeviceMajor, 0));
     if (made != 0) {
         TRACE(0) << "setupBdeDevice"
                  << " mknod /dev/kovana-bde failed rc " << made;
         eventIs(std::string("setupBdeDevice") + " mknod /dev/kovana-bde failed");
     }
-    const int fd = device.open(bdeDevice, O_RDWR | O_SYNC);
+    const int fd = device.open(bdeDevicePath, O_RDWR | O_SYNC);
     if (fd < 0) {
         TRACE(0) << "setupBdeDevice"
                  << " open failed. errno " << errno;

@@ -19,8 +19,6 @@ class SandDriver : public Driver {
     using Ptr = std::shared_ptr<SandDriver>;
     using PtrConst = std::shared_ptr<const SandDriver>;
 
-    static constexpr const char* bdeDevice = "/dev/kovana-bde";
-    static constexpr const char* fabricDevice = "/dev/fabric";
     // One past the largest VLAN id: what the chip takes as "no native VLAN".
     static constexpr int noNativeVlan = 4096;
 

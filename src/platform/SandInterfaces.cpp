@@ -1,13 +1,13 @@
 // The Sand driver's devices: each front-panel port becomes a CPU device by "ifadd" on the
 // fabric channel, with its native VLAN, its internal VLAN when routed, and a prio root qdisc.
 #include "model/SandInterface.h"
+#include "platform/CpuDevice.h"
 #include "platform/SandDriver.h"
 #include "util/Command.h"
 #include "util/Format.h"
 #include "util/KernelName.h"
 #include "util/Namespace.h"
 #include "util/Trace.h"
-#include "util/Utils.h"
 
 namespace Kestrune {
 
@@ -35,14 +35,9 @@ bool SandDriver::createInterface(const Interface* intf, const std::string& mac, 
         !doFabIoctl(formatted("internalvlan %d %s", integer(port.internalVlan()), k.c_str()))) {
         return failed("Unable to set internalvlan for " + intf->name());
     }
-    if (!setMacAddress(k.c_str(), mac.c_str(), sockFd(DEFAULT_NS))) {
-        return failed("Couldn't set MAC address for " + k);
-    }
-    if (!setDevUp(k.c_str(), sockFd(DEFAULT_NS))) {
-        return failed("Couldn't set Device state UP for " + k);
-    }
-    if (setDeviceOperStatusUp(netlinkFd(DEFAULT_NS), k) == 0) {
-        return failed("Couldn't set Oper state UP for " + k);
+    if (const std::string failure = cpuDeviceUp(k, mac, sockFd(DEFAULT_NS), netlinkFd(DEFAULT_NS));
+        !failure.empty()) {
+        return failed(failure);
     }
     // tc's complaint about a qdisc already there is noise: only a tc that did not run fails.
     const int status =

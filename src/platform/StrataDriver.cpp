@@ -2,6 +2,7 @@
 
 #include "log/Log.h"
 #include "platform/ChipDevice.h"
+#include "platform/CpuDevice.h"
 #include "util/Assert.h"
 #include "util/Command.h"
 #include "util/Format.h"
@@ -53,14 +54,11 @@ bool StrataDriver::doInit() {
     if (!doEnableInterrupts()) {
         return failed("Unable to enable device interrupts");
     }
-    const int sock = sockFd(DEFAULT_NS);
-    if (!setMacAddress("fabric", config()->bridgeMac().c_str(), sock)) {
-        return failed("Unable to set fabric MAC address");
+    if (const std::string failure = fabricDeviceUp(config()->bridgeMac(), sockFd(DEFAULT_NS));
+        !failure.empty()) {
+        return failed(failure);
     }
-    if (!setDevUp("fabric", sock)) {
-        return failed("Unable to set fabric device state to Up");
-    }
-    const int fd = chipDevice().open(fabricDevice, O_RDWR);
+    const int fd = chipDevice().open(fabricDevicePath, O_RDWR);
     KESTRUNE_ASSERT_TEXT(fd > 0, "( fd > 0 ) && \"Error opening /dev/fabric\"");
     fabFd_ = fd;
     return true;
@@ -87,7 +85,7 @@ void StrataDriver::setupFabricDevice() {
     }
     TRACE(3) << "setupFabricDevice";
     ChipDevice& device = chipDevice();
-    int fd = device.open(fabricDevice, O_RDWR);
+    int fd = device.open(fabricDevicePath, O_RDWR);
     if (fd >= 0) {
         device.close(fd);
         return;
@@ -106,13 +104,13 @@ void StrataDriver::setupFabricDevice() {
                  << "modprobe strata-dma-drv rc " << status;
         eventIs(std::string("setupFabricDevice") + "modprobe strata-dma-drv failed");
     }
-    const int made = device.mknod(fabricDevice, S_IFCHR | 0666, makedev(240, 0));
+    const int made = device.mknod(fabricDevicePath, S_IFCHR | 0666, makedev(fabricDeviceMajor, 0));
     if (made != 0) {
         TRACE(0) << "setupFabricDevice"
                  << " mknod /dev/fabric rc " << made;
         eventIs(std::string("setupFabricDevice") + " mknod /dev/fabric failed");
     }
-    fd = device.open(fabricDevice, O_RDWR);
+    fd = device.open(fabricDevicePath, O_RDWR);
     if (fd < 0) {
         TRACE(0) << "setupFabricDevice"
                  << " open failed. errno: " << errno;
@@ -135,7 +133,7 @@ void StrataDriver::setupBdeDevice() {
     }
     TRACE(3) << "setupBdeDevice";
     ChipDevice& device = chipDevice();
-    int fd = device.open(bdeDevice, O_RDWR | O_SYNC);
+    int fd = device.open(bdeDevicePath, O_RDWR | O_SYNC);
     if (fd >= 0) {
         device.close(fd);
         return;
@@ -145,13 +143,13 @@ void StrataDriver::setupBdeDevice() {
              << "kovana-bde"
              << " kernel module and creating device"
              << " file. errno " << errno;
-    const int made = device.mknod(bdeDevice, S_IFCHR | 0666, makedev(127, 0));
+    const int made = device.mknod(bdeDevicePath, S_IFCHR | 0666, makedev(bdeDeviceMajor, 0));
     if (made != 0) {
         TRACE(0) << "setupBdeDevice"
                  << " insmod rc " << made;
         eventIs(std::string("setupBdeDevice") + " insmod failed");
     }
-    fd = device.open(bdeDevice, O_RDWR | O_SYNC);
+    fd = device.open(bdeDevicePath, O_RDWR | O_SYNC);
     if (fd < 0) {
         TRACE(0) << "setupBdeDevice"
                  << " open failed. errno " << errno;
@@ -169,13 +167,13 @@ bool StrataDriver::doAddDevice(const StrataModule& module) const {
     TRACE(3) << "doAddDevice"
              << " " << module;
     ChipDevice& device = chipDevice();
-    const int fd = device.open(bdeDevice, O_RDWR | O_SYNC);
+    const int fd = device.open(bdeDevicePath, O_RDWR | O_SYNC);
     if (fd < 0) {
-        return failed(std::string("Unable to open ") + bdeDevice);
+        return failed(std::string("Unable to open ") + bdeDevicePath);
     }
     // The bde driver's add-device record: bus id at byte 8, module id at byte 12.
     std::array<std::uint32_t, 4> record{0, 0, module.busId(), module.modId()};
-    int rc = device.ioctl(fd, addDeviceRequest, record.data());
+    int rc = device.ioctl(fd, bdeAddDeviceRequest, record.data());
     KESTRUNE_ASSERT(rc == 0);
     if (!chipSpecificInit(module)) {
         return false;
@@ -200,11 +198,11 @@ bool StrataDriver::doEnableInterrupts() const {
         record[at++] = static_cast<std::uint8_t>(module.busId() & 0xff);
     }
     ChipDevice& device = chipDevice();
-    const int fd = device.open(bdeDevice, O_RDWR | O_SYNC);
+    const int fd = device.open(bdeDevicePath, O_RDWR | O_SYNC);
     if (fd < 0) {
-        return failed(std::string("Unable to open ") + bdeDevice);
+        return failed(std::string("Unable to open ") + bdeDevicePath);
     }
-    const int rc = device.ioctl(fd, enableInterruptsRequest, record.data());
+    const int rc = device.ioctl(fd, bdeEnableInterruptsRequest, record.data());
     KESTRUNE_ASSERT(rc == 0);
     return true;
 }

@@ -18,11 +18,7 @@ class StrataDriver : public Driver {
     using Ptr = std::shared_ptr<StrataDriver>;
     using PtrConst = std::shared_ptr<const StrataDriver>;
 
-    static constexpr const char* bdeDevice = "/dev/kovana-bde";
-    static constexpr const char* fabricDevice = "/dev/fabric";
     static constexpr const char* bdeOptionsFile = "/etc/modprobe.d/kovana-bde.conf";
-    static constexpr unsigned long addDeviceRequest = 0x4C34;
-    static constexpr unsigned long enableInterruptsRequest = 0x4C06;
 
     explicit StrataDriver(Config::PtrConst config) : Driver(std::move(config)) {}
 

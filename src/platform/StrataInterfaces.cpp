@@ -3,6 +3,7 @@
 #include "model/LagInterface.h"
 #include "model/StrataInterface.h"
 #include "model/SubInterface.h"
+#include "platform/CpuDevice.h"
 #include "platform/StrataDriver.h"
 #include "util/Format.h"
 #include "util/KernelName.h"
@@ -49,14 +50,9 @@ bool StrataDriver::createInterface(const Interface* intf, const std::string& mac
     if (!doFabIoctl(command)) {
         return failed("Fab Ioctl wasn't successful " + command);
     }
-    if (!setMacAddress(k.c_str(), mac.c_str(), sockFd(DEFAULT_NS))) {
-        return failed("Couldn't set MAC address for " + k);
-    }
-    if (!setDevUp(k.c_str(), sockFd(DEFAULT_NS))) {
-        return failed("Couldn't set Device state UP for " + k);
-    }
-    if (setDeviceOperStatusUp(netlinkFd(DEFAULT_NS), k) == 0) {
-        return failed("Couldn't set Oper state UP for " + k);
+    if (const std::string failure = cpuDeviceUp(k, mac, sockFd(DEFAULT_NS), netlinkFd(DEFAULT_NS));
+        !failure.empty()) {
+        return failed(failure);
     }
     return true;
 }

@@ -1,6 +1,4 @@
-#include "ChipSimulator.h"
-#include "PrivateNetwork.h"
-#include "Scenario.h"
+#include "SimulatedSwitch.h"
 #include "driver/DriverCreator.h"
 #include "log/Log.h"
 #include "model/LagInterface.h"
@@ -27,22 +25,16 @@ const char* const mac = "00:1c:73:aa:bb:cc";
 // A Sand switch restored with the chip simulator behind the seam, as on a simulated switch.
 // The system's tc is replaced, for this test's mounts only, by a program that records how it
 // was run and behaves as the file "tc.mode" says: an exit status, or "killed".
-class SandRestore : public PrivateNetwork {
+class SandRestore : public SimulatedSwitch {
   protected:
+    SandRestore() : SimulatedSwitch(Sim::ChipSimulator::Family::sand) {}
     void SetUp() override {
-        PrivateNetwork::SetUp();
-        path_ = std::getenv("PATH");
-        Sim::ChipSimulator::environmentIs(KESTRUNE_CHIP_TOOLS, dir_.file("chip.log"),
-                                          dir_.file("registers"));
-        ASSERT_EQ(mountDefaultNs(), 0);
+        SimulatedSwitch::SetUp();
         standIn("/usr/sbin/tc", "echo \"$* stderr=$(readlink /proc/self/fd/2)\" >>" +
                                     dir_.file("tc.log") + "\nmode=$(cat " + dir_.file("tc.mode") +
                                     ")\necho 'RTNETLINK answers: File exists' >&2\n"
                                     "[ \"$mode\" = killed ] && kill -KILL $$\nexit $mode\n");
         tcModeIs("0");
-        simulator_ = std::make_shared<Sim::ChipSimulator>(dir_.file("chip.log"),
-                                                          Sim::ChipSimulator::Family::sand);
-        chipDeviceIs(simulator_);
         config_ = sandConfigFactory();
         config_->platformTypeIs("Sand");
         config_->bridgeMacIs(mac);
@@ -55,14 +47,10 @@ class SandRestore : public PrivateNetwork {
                                  SandFapConfig("fap1", "0000:04:00.0", 1, 3, 5, 6, 7, 8, 9));
     }
     void TearDown() override {
-        chipDeviceIs(nullptr);
-        simulator_.reset();
         for (const std::string& path : standIns_) {
             umount2(path.c_str(), MNT_DETACH);
         }
-        unsetenv("SIMULATION_VMID");
-        setenv("PATH", path_.c_str(), 1);
-        PrivateNetwork::TearDown();
+        SimulatedSwitch::TearDown();
     }
     // Puts a shell script over a system program, for this test's mount namespace only.
     void standIn(const std::string& path, const std::string& script) {
@@ -92,14 +80,9 @@ class SandRestore : public PrivateNetwork {
     SandDriver::Ptr driver() const {
         return std::dynamic_pointer_cast<SandDriver>(DriverCreator(config_).create());
     }
-    std::vector<std::string> chipLog() const { return linesOf(dir_.file("chip.log")); }
-
-    const TempDir dir_;
-    std::shared_ptr<Sim::ChipSimulator> simulator_;
     SandConfig::Ptr config_;
 
   private:
-    std::string path_;
     std::vector<std::string> standIns_;
 };
 

@@ -1,6 +1,4 @@
-#include "ChipSimulator.h"
-#include "PrivateNetwork.h"
-#include "Scenario.h"
+#include "SimulatedSwitch.h"
 #include "driver/DriverCreator.h"
 #include "log/Log.h"
 #include "model/LagInterface.h"
@@ -16,27 +14,15 @@ namespace Kestrune::Testing {
 namespace {
 
 // A Strata switch restored with the chip simulator behind the seam, as on a simulated switch.
-class StrataRestore : public PrivateNetwork {
+class StrataRestore : public SimulatedSwitch {
   protected:
+    StrataRestore() : SimulatedSwitch(Sim::ChipSimulator::Family::strata) {}
     void SetUp() override {
-        PrivateNetwork::SetUp();
-        path_ = std::getenv("PATH");
-        Sim::ChipSimulator::environmentIs(KESTRUNE_CHIP_TOOLS, dir_.file("chip.log"),
-                                          dir_.file("registers"));
-        ASSERT_EQ(mountDefaultNs(), 0);
-        simulator_ = std::make_shared<Sim::ChipSimulator>(dir_.file("chip.log"));
-        chipDeviceIs(simulator_);
+        SimulatedSwitch::SetUp();
         config_ = strataConfigFactory();
         config_->platformTypeIs("Strata");
         config_->bridgeMacIs("00:1c:73:aa:bb:cc");
         config_->strataModuleIs(StrataModule(1, 3, "bcm56850"), true);
-    }
-    void TearDown() override {
-        chipDeviceIs(nullptr);
-        simulator_.reset();
-        unsetenv("SIMULATION_VMID");
-        setenv("PATH", path_.c_str(), 1);
-        PrivateNetwork::TearDown();
     }
     StrataInterface::Ptr port(const std::string& name, InterfaceType type, std::uint32_t number,
                               const std::string& ns, const std::string& address) {
@@ -52,12 +38,7 @@ class StrataRestore : public PrivateNetwork {
         config_->interfaceIs(intf);
         return intf;
     }
-    const TempDir dir_;
-    std::shared_ptr<Sim::ChipSimulator> simulator_;
     StrataConfig::Ptr config_;
-
-  private:
-    std::string path_;
 };
 
 TEST_F(StrataRestore, PortsRoutedPortsAndALagComeUpAndTheChipLogSaysHow) {
@@ -90,7 +71,7 @@ TEST_F(StrataRestore, PortsRoutedPortsAndALagComeUpAndTheChipLogSaysHow) {
     for (const Event& event : events.events()) {
         ADD_FAILURE() << event.group << ": " << event.message;
     }
-    EXPECT_EQ(linesOf(dir_.file("chip.log")),
+    EXPECT_EQ(chipLog(),
               linesOf(std::string(KESTRUNE_SOURCE_DIR) + "/tests/kernel/expected/strata-chip.log"));
     // The register fixes of a bcm56850: bit 20 of the low word, twice, and bit 17.
     EXPECT_EQ(
@@ -140,7 +121,7 @@ TEST_F(StrataRestore, AChipModelWithoutFixesTouchesNoRegister) {
     config_->strataModuleIs(StrataModule(1, 3, "bcm56851"), true);
     const Driver::Ptr driver = DriverCreator(config_).create();
     ASSERT_TRUE(driver->doInit());
-    EXPECT_EQ(linesOf(dir_.file("chip.log")),
+    EXPECT_EQ(chipLog(),
               (std::vector<std::string>{"bde adddevice bus=3 mod=1", "run fab devrole 1 switch",
                                         "run fab devstate 1 up", "bde interrupts 1 3"}));
 }
