@@ -29,27 +29,6 @@ class Device : public PrivateNetwork {
     int netlink_ = -1;
 };
 
-TEST_F(Device, MacAddressIsSetFromItsText) {
-    EXPECT_TRUE(setMacAddress("kt0", "00:1c:73:aa:bb:cc", socket_));
-    EXPECT_EQ(linkOf("kt0")->mac, "00:1c:73:aa:bb:cc");
-    EXPECT_TRUE(traced("Kestrune:3 setMacAddress kt0 00:1c:73:aa:bb:cc"));
-}
-
-TEST_F(Device, UpFlagIsAddedToTheFlagsThereAre) {
-    EXPECT_TRUE(setDevUp("kt0", socket_));
-    const Link link = *linkOf("kt0");
-    EXPECT_TRUE(link.hasFlag("UP"));
-    EXPECT_TRUE(link.hasFlag("BROADCAST"));
-    EXPECT_TRUE(link.hasFlag("MULTICAST"));
-    EXPECT_TRUE(traced("Kestrune:3 setDevUp kt0"));
-}
-
-TEST_F(Device, MtuIsSet) {
-    EXPECT_TRUE(setMtu("kt0", 9214, socket_));
-    EXPECT_EQ(linkOf("kt0")->mtu, 9214);
-    EXPECT_TRUE(traced("Kestrune:3 setMtu kt0 MTU=9214"));
-}
-
 TEST_F(Device, ANameLongerThanTheKernelsIsCutToIt) {
     run({"ip", "link", "add", "abcdefghijklmno", "type", "veth", "peer", "name", "kt2"});
     EXPECT_TRUE(setMtu("abcdefghijklmnopqrstuvwxyz", 1400, socket_));
@@ -102,20 +81,6 @@ TEST_F(Device, Ipv4PrimaryAndSecondaryAddressesGoIn) {
     EXPECT_TRUE(traced("Kestrune:3 ipAddrAdd kt0 10.0.0.1/24"));
 }
 
-TEST_F(Device, Ipv6AddressGoesIn) {
-    sysIpv6Disable("kt0", 0);
-    EXPECT_TRUE(ip6AddrAdd(netlink_, "kt0", "2001:db8::1/64"));
-    EXPECT_TRUE(ip6AddrAdd(netlink_, "kt0", "fd00:1::5/127"));
-    const Link link = *linkOf("kt0");
-    ASSERT_EQ(link.addresses.size(), 2U);
-    ASSERT_TRUE(link.address("fd00:1::5"));
-    EXPECT_EQ(link.address("fd00:1::5")->family, "inet6");
-    EXPECT_EQ(link.address("fd00:1::5")->prefixLength, 127);
-    ASSERT_TRUE(link.address("2001:db8::1"));
-    EXPECT_EQ(link.address("2001:db8::1")->prefixLength, 64);
-    EXPECT_TRUE(traced("Kestrune:3 ip6AddrAdd kt0 2001:db8::1/64"));
-}
-
 TEST_F(Device, AddressesThatCannotGoInReturnFalse) {
     ASSERT_TRUE(ipAddrAdd(netlink_, "kt0", "10.0.0.1/24", false));
     EXPECT_FALSE(ipAddrAdd(netlink_, "kt0", "10.0.0.1/24", false));
@@ -135,17 +100,6 @@ TEST_F(Device, AnAddressForAMissingDeviceSaysSoOnStandardOutput) {
     EXPECT_EQ(stdoutOf([&] { added = ip6AddrAdd(netlink_, "nosuch", "2001:db8::1/64"); }),
               "Not Found at index\n ");
     EXPECT_FALSE(added);
-}
-
-TEST_F(Device, OperStateIsSetUp) {
-    // A veth whose peer is down has no carrier: the kernel holds it at "LOWERLAYERDOWN" until the
-    // peer comes up, then reports it "UP" once it is set so.
-    ASSERT_TRUE(setDevUp("kt0", socket_));
-    ASSERT_TRUE(setDevUp("kt1", socket_));
-    EXPECT_NE(setDeviceOperStatusUp(netlink_, "kt0"), 0);
-    EXPECT_EQ(linkOf("kt0")->operState, "UP");
-    EXPECT_EQ(setDeviceOperStatusUp(netlink_, "nosuch"), 0);
-    EXPECT_TRUE(traced("Kestrune:0 linkOperStateSet failed: No such device"));
 }
 
 TEST_F(Device, Ipv6SwitchesAreWrittenUnderProc) {

@@ -47,14 +47,6 @@ class Namespaces : public PrivateNetwork {
     }
 };
 
-TEST_F(Namespaces, TheDefaultNamespaceIsTheThreadsOwnUnderItsName) {
-    EXPECT_EQ(inodeOf("/var/run/netns/default"), threadNamespace());
-    EXPECT_TRUE(contains(outputOf({"ip", "netns", "list"}), "default"));
-    // Mounting again (a second restore in the same boot) changes nothing.
-    EXPECT_EQ(mountDefaultNs(), 0);
-    EXPECT_EQ(inodeOf("/var/run/netns/default"), threadNamespace());
-}
-
 TEST_F(Namespaces, ANamespaceIsCreatedOnceAndTheSecondAddSucceeds) {
     const ino_t before = threadNamespace();
     EXPECT_EQ(addNsEvenIfPresent("red"), 0);
@@ -98,17 +90,6 @@ TEST_F(Namespaces, ASocketLandsInItsNamespaceAndTheThreadStaysHome) {
     EXPECT_EQ(openSocketInNs(AF_INET, SOCK_DGRAM, 0, "green"), -1);
     EXPECT_TRUE(traced("Kestrune:0 openSocketInNs cannot open namespace /var/run/netns/green: No "
                        "such file or directory"));
-}
-
-TEST_F(Namespaces, SwitchingEntersTheNamedNamespace) {
-    ASSERT_EQ(addNsEvenIfPresent("red"), 0);
-    const ino_t home = threadNamespace();
-    EXPECT_EQ(switchToNs("red"), 0);
-    EXPECT_EQ(threadNamespace(), inodeOf("/var/run/netns/red"));
-    EXPECT_EQ(switchToNs(DEFAULT_NS), 0);
-    EXPECT_EQ(threadNamespace(), home);
-    EXPECT_EQ(switchToNs("green"), -1);
-    EXPECT_EQ(threadNamespace(), home);
 }
 
 TEST_F(Namespaces, ATapIsCreatedInsideANamedNamespace) {

@@ -145,12 +145,6 @@ TEST_F(SandRestore, PortsComeUpAndTheChipHearsTheSandSequence) {
                                         "qdisc add dev et3 root handle 1: prio stderr=/dev/null"}));
 }
 
-TEST_F(SandRestore, AnEmptyFapMapSendsOnlyTheDriverParameters) {
-    config_->sandFapConfigDelAll();
-    ASSERT_TRUE(driver()->doInit());
-    EXPECT_EQ(chipLog(), std::vector<std::string>{"fabric drvparams 1024 16 3"});
-}
-
 // Off a simulated switch the module is loaded and the nodes made; a failure of either is
 // recorded and the bring-up goes on to the channel it opened.
 TEST_F(SandRestore, OffASimulatedSwitchTheModuleLoadIsTriedAndTheOpenedChannelKept) {

@@ -55,21 +55,6 @@ TEST(NamespaceName, HoldsAtMost150Bytes) {
     EXPECT_LT(NamespaceName("blue"), NamespaceName("red"));
 }
 
-TEST(DriverMaps, AbsentKeysReadAsZeroOrFalse) {
-    Driver driver(configFactory());
-    EXPECT_EQ(driver.sockFd("red"), 0);
-    EXPECT_EQ(driver.netlinkFd(DEFAULT_NS), 0);
-    EXPECT_FALSE(driver.created("Ethernet1"));
-    driver.createdIs("Ethernet1", false);
-    driver.createdIs("Ethernet1", true);
-    EXPECT_TRUE(driver.created("Ethernet1"));
-    EXPECT_EQ(driver.created().size(), 1U);
-    driver.sockFdIs("red", 7);
-    driver.sockFdDel("red");
-    EXPECT_TRUE(driver.sockFd().empty());
-    EXPECT_EQ(driver.vrfCreate(), nullptr);
-}
-
 TEST(DriverSequence, AnEmptyConfigOnlyTracesItsEntry) {
     std::vector<std::string> traces;
     Trace::levelsIs(Trace::allLevels);

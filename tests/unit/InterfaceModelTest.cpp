@@ -27,18 +27,6 @@ std::string textOf(const Interface& interface, std::string_view name) {
                      : "<no attribute " + std::string(name) + ">";
 }
 
-TEST(InterfaceModel, NewInterfaceHasTheDocumentedDefaults) {
-    auto interface = interfaceFactory("Ethernet1");
-    EXPECT_EQ(interface->name(), "Ethernet1");
-    EXPECT_EQ(interface->interfaceType(), InterfaceType::None_);
-    EXPECT_EQ(interface->primaryIpv4(), "");
-    EXPECT_TRUE(interface->secondaryIpv4().empty());
-    EXPECT_TRUE(interface->ipv6().empty());
-    EXPECT_EQ(interface->netNsName(), "default");
-    EXPECT_EQ(interface->mtu(), 9214);
-    EXPECT_EQ(interface->l2Mtu(), 9216);
-}
-
 // The attribute names are what `show --json` prints and what users script against; a
 // renamed, lost or reordered attribute breaks them.
 TEST(InterfaceModel, EveryClassExposesItsAttributesByNameInDeclarationOrder) {
@@ -135,16 +123,6 @@ TEST(InterfaceModel, AddressSetsInsertOverwriteAndDelete) {
     }
 }
 
-TEST(InterfaceModel, Ipv6SetFollowsTheSameRules) {
-    auto interface = interfaceFactory("Vlan10");
-    interface->ipv6Is("2001:db8::1/64", true);
-    interface->ipv6Is("2001:db8::1/64", false);
-    EXPECT_EQ(interface->ipv6().size(), 1U);
-    EXPECT_FALSE(interface->ipv6("2001:db8::1/64"));
-    EXPECT_FALSE(interface->ipv6Del("2001:db8::9/64"));
-    EXPECT_TRUE(interface->secondaryIpv4().empty());
-}
-
 TEST(InterfaceModel, InterfaceIsReplacesAnInterfaceOfTheSameNameWhole) {
     auto config = configFactory();
     auto first = interfaceFactory("Ethernet3");
@@ -159,22 +137,6 @@ TEST(InterfaceModel, InterfaceIsReplacesAnInterfaceOfTheSameNameWhole) {
     EXPECT_EQ(config->interface("Ethernet3"), routed);
     EXPECT_EQ(first.use_count(), 1) << "the collection dropped its reference to the old object";
     EXPECT_EQ(config->interface("Ethernet3")->primaryIpv4(), "") << "nothing is merged";
-}
-
-TEST(InterfaceModel, InterfaceIsWithTheStoredObjectChangesNothing) {
-    auto config = configFactory();
-    auto port = interfaceFactory("Ethernet3");
-    config->interfaceIs(port);
-    const long held = port.use_count();
-    config->interfaceIs(port);
-    EXPECT_EQ(config->interface().size(), 1U);
-    EXPECT_EQ(port.use_count(), held);
-
-    config->interfaceDel("Ethernet9");
-    EXPECT_EQ(config->interface().size(), 1U);
-    EXPECT_EQ(config->interface("Ethernet9"), nullptr);
-    config->interfaceDel("Ethernet3");
-    EXPECT_EQ(port.use_count(), 1);
 }
 
 TEST(InterfaceModel, MemberIsReplacesAMemberOfTheSameNameWhole) {
@@ -209,17 +171,6 @@ TEST(InterfaceModel, MemberWithoutPortIsKeptUnderTheEmptyName) {
     EXPECT_EQ(lag->member(""), second);
 }
 
-TEST(InterfaceModel, LagMemberTextShowsItsState) {
-    auto lag = lagInterfaceFactory("Port-Channel5");
-    auto member = lagMemberFactory();
-    member->interfaceIs(interfaceFactory("Ethernet1"));
-    member->distributingIs(true);
-    lag->memberIs(member);
-    EXPECT_EQ(
-        textOf(*lag, "member"),
-        "{'Ethernet1': {'interface': 'Ethernet1', 'collecting': false, 'distributing': true}}");
-}
-
 TEST(InterfaceModel, NullHandlesAreRefusedWithTheirExactRangeError) {
     struct Case {
         std::function<void()> mutate;
@@ -243,61 +194,6 @@ TEST(InterfaceModel, NullHandlesAreRefusedWithTheirExactRangeError) {
     }
     EXPECT_TRUE(config->interface().empty());
     EXPECT_TRUE(lag->member().empty());
-}
-
-TEST(InterfaceModel, FreshConfigIsEmpty) {
-    auto config = configFactory();
-    EXPECT_EQ(config->bridgeMac(), "");
-    EXPECT_EQ(config->platformType(), "");
-    EXPECT_TRUE(config->interface().empty());
-    EXPECT_EQ(config->iptablesConfig(), nullptr);
-
-    config->iptablesConfigIs(iptablesConfigFactory("*filter\nCOMMIT\n", ""));
-    EXPECT_EQ(config->iptablesConfig()->iptables(), "*filter\nCOMMIT\n");
-    config->iptablesConfigIs(nullptr);
-    EXPECT_EQ(config->iptablesConfig(), nullptr);
-}
-
-TEST(InterfaceType, ValuesAndTextNamesMapBothWays) {
-    const std::pair<std::uint32_t, std::string> table[] = {
-        {0, "None"},    {1, "SVI"}, {2, "L2"},        {3, "RoutedPort"},
-        {4, "SubIntf"}, {5, "Lag"}, {6, "LagRouted"},
-    };
-    for (const auto& [value, name] : table) {
-        InterfaceType type = InterfaceTypeInstance(value);
-        EXPECT_EQ(static_cast<std::uint32_t>(type), value);
-        EXPECT_EQ(stringValue(type), name);
-        EXPECT_EQ(InterfaceTypeInstance(name), type);
-        std::ostringstream stream;
-        stream << type;
-        EXPECT_EQ(stream.str(), name);
-    }
-    EXPECT_THROW(InterfaceTypeInstance(7U), std::range_error);
-    EXPECT_THROW(InterfaceTypeInstance("svi"), std::range_error);
-    EXPECT_THROW(InterfaceTypeInstance(""), std::range_error);
-}
-
-TEST(InterfaceType, SequenceToValueReadsANameFromTheFrontOfARange) {
-    const std::string text = "LagRouted, Lag";
-    InterfaceType type = InterfaceType::None_;
-    const char* stop = sequenceToValue(text.data(), text.data() + text.size(), &type);
-    EXPECT_EQ(type, InterfaceType::LagRouted_);
-    EXPECT_EQ(std::string(stop), ", Lag");
-    EXPECT_THROW(sequenceToValue(stop, text.data() + text.size(), &type), std::range_error);
-}
-
-TEST(SandConfig, ScalarAttributesFollowTheRootOnes) {
-    auto config = sandConfigFactory();
-    config->maxLagsIs(128);
-    std::vector<std::string> names;
-    for (const auto& attribute : config->attributes()) {
-        names.emplace_back(attribute.name);
-        if (attribute.name == "maxLags") {
-            EXPECT_EQ(attributeText(attribute.read(*config)), "128");
-        }
-    }
-    EXPECT_EQ(names, (std::vector<std::string>{"bridgeMac", "platformType", "oldestFapType",
-                                               "maxLags", "maxMembersPerLag"}));
 }
 
 } // namespace

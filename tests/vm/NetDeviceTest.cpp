@@ -80,22 +80,5 @@ TEST_F(NetDevices, APrioRootQdiscIsInstalledOverNetlink) {
     EXPECT_TRUE(traced("Kestrune:0 addRootPrioQdisc nosuch: device: No such device"));
 }
 
-TEST_F(NetDevices, TheTcCommandLineInstallsTheSameQdisc) {
-    EXPECT_EQ(runCommand("/sbin/tc qdisc add dev et1 root handle 1: prio", commandInherit,
-                         commandInherit, commandDiscard, commandNoTimeout),
-              0);
-    ASSERT_EQ(addRootPrioQdisc("fabric"), 0);
-    std::string et1 = qdiscsOf("et1");
-    std::string fabric = qdiscsOf("fabric");
-    // veth has several queues: the refcount differs, the qdisc itself must not.
-    et1.replace(et1.find("refcnt"), 8, "");
-    fabric.replace(fabric.find("refcnt"), 8, "");
-    EXPECT_EQ(et1, fabric);
-    // A second add fails in tc; its complaint is discarded and its status is 2.
-    EXPECT_EQ(runCommand("/sbin/tc qdisc add dev et1 root handle 1: prio", commandInherit,
-                         commandInherit, commandDiscard, commandNoTimeout),
-              2);
-}
-
 } // namespace
 } // namespace Kestrune::Testing
