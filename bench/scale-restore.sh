@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The whole restore of a switch-scale store, timed phase by phase: 512 ports (a quarter
 # routed), 64 Port-Channels of 4, 512 subinterfaces, 1,000 SVIs, 32 VRFs and 2,000 filter
-# rules per family, restored by `kestrune simulate` in the user-mode Linux guest (whose
+# rules per family, restored by `kestrune simulate` in the qemu guest (whose
 # kernel makes VLANs). Prints the report's phasesMs and what was created.
 #   bench/scale-restore.sh [strata|sand] [BUILD_DIR]
 set -euo pipefail

@@ -2,7 +2,7 @@
 # The demo restore: on Debian 12 as root, installs what is missing, builds, and restores a
 # store with the chip simulator in place of the switch chip, inside a private network
 # namespace, then shows what the kernel holds. Where the host kernel has no VLAN support the
-# restore runs inside the user-mode Linux guest of the vm test tier instead.
+# restore runs inside the qemu guest of the vm test tier instead.
 #   scripts/demo.sh [STORE] [kestrune simulate options]   (default: examples/strata.json)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -23,5 +23,5 @@ if unshare -n sh -c 'ip link add k0 type veth peer name k1 &&
                      ip link add link k0 name k0.5 type vlan id 5' 2>/dev/null; then
     exec build/bin/kestrune simulate "$store" --history "" "$@"
 fi
-echo "This kernel cannot make VLAN devices: restoring inside the user-mode Linux guest." >&2
+echo "This kernel cannot make VLAN devices: restoring inside the qemu guest." >&2
 exec scripts/vm-run.sh build/bin/kestrune simulate "$store" --history "" "$@"

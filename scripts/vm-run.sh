@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# Runs one test program (with its arguments) inside a user-mode Linux guest: a full kernel
-# with VLAN, prio qdisc and TAP support, whatever the host kernel lacks. The guest sees the
-# host's files read-only, loads its own modules, and hands the program's exit status back
-# through a file in a writable folder. Exits with that status; a guest that cannot start is
-# a failure that says why. KESTRUNE_VM_WRITABLE=DIR (an existing host folder, absolute path
-# without blanks) is writable in the guest at the same path, for results to keep.
+# Runs one test program (with its arguments) inside a full-kernel guest: Debian's own kernel
+# under qemu (software emulation, or KVM on request), with VLAN, prio qdisc, TAP and CUSE support,
+# whatever the host kernel lacks. The guest sees the host's files read-only over 9p, loads
+# its own modules, and hands the program's exit status back through a file in a writable
+# folder. Exits with that status; a guest that cannot start is a failure that says why.
+# KESTRUNE_VM_WRITABLE=DIR (an existing host folder, absolute path without blanks) is
+# writable in the guest at the same path, for results to keep.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 
@@ -14,10 +15,10 @@ fail() {
 }
 
 [ $# -ge 1 ] || fail "usage: vm-run.sh PROGRAM [ARGUMENTS...]"
-kernel=$(command -v linux || true)
-[ -n "$kernel" ] || fail "the guest cannot start: no user-mode Linux kernel on PATH (Debian package user-mode-linux)"
+command -v qemu-system-x86_64 >/dev/null ||
+    fail "the guest cannot start: no qemu-system-x86_64 (Debian package qemu-system-x86)"
 [ -x /bin/busybox ] || fail "the guest cannot start: no /bin/busybox (Debian package busybox-static)"
-ls -d /usr/lib/uml/modules/*/ >/dev/null 2>&1 || fail "the guest cannot start: no modules under /usr/lib/uml/modules"
+kernel=$("$root/scripts/vm-kernel.sh")
 
 out=$(mktemp -d "${TMPDIR:-/tmp}/kestrune-vm-XXXXXX")
 trap 'rm -rf "$out"' EXIT
@@ -26,13 +27,24 @@ for argument in "$@"; do
     printf "'%s' " "${argument//\'/\'\\\'\'}"
 done >"$out/command"
 
+# Software emulation by default: KVM is not usable in every nested machine, and a guest that
+# hangs on it says nothing. KESTRUNE_VM_ACCEL=kvm asks for it where it works.
+accel=(-accel tcg -cpu max)
+if [ "${KESTRUNE_VM_ACCEL:-tcg}" = kvm ]; then
+    accel=(-accel kvm -cpu host)
+fi
+shares=(-virtfs "local,path=/,mount_tag=hostroot,security_model=none,readonly=on,multidevs=remap"
+    -virtfs "local,path=$out,mount_tag=out,security_model=none")
+if [ -n "${KESTRUNE_VM_WRITABLE:-}" ]; then
+    shares+=(-virtfs "local,path=$KESTRUNE_VM_WRITABLE,mount_tag=writable,security_model=none")
+fi
+
 # quiet: the kernel's own messages stay off the console, which carries the tests' output.
-timeout "${KESTRUNE_VM_TIMEOUT:-600}" "$kernel" mem=768M quiet loglevel=0 \
-    rootfstype=hostfs rootflags=/ ro init="$root/tests/vm/guest-init.sh" \
-    con=null con0=null,fd:1 uml_dir="$out" \
-    KESTRUNE_GUEST_OUT="$out" KESTRUNE_GUEST_CWD="$PWD" \
-    KESTRUNE_GUEST_WRITABLE="${KESTRUNE_VM_WRITABLE:-}" </dev/null ||
-    echo "vm tier: the guest exited with status $?" >&2
+timeout "${KESTRUNE_VM_TIMEOUT:-600}" qemu-system-x86_64 "${accel[@]}" -m 1024 -smp 1 \
+    -nographic -no-reboot -nodefaults -serial stdio \
+    -kernel "$kernel/vmlinuz" -initrd "$kernel/initramfs.cpio.gz" "${shares[@]}" \
+    -append "console=ttyS0 quiet loglevel=0 panic=-1 KESTRUNE_GUEST_INIT=$root/tests/vm/guest-init.sh KESTRUNE_GUEST_MODULES=$kernel KESTRUNE_GUEST_CWD=$PWD KESTRUNE_GUEST_WRITABLE=${KESTRUNE_VM_WRITABLE:-}" \
+    </dev/null || echo "vm tier: the guest exited with status $?" >&2
 
 [ -s "$out/status" ] || fail "the guest did not report a status: it could not start or it crashed"
 exit "$(cat "$out/status")"

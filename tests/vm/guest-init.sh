@@ -13,27 +13,27 @@ mount -t tmpfs tmpfs /run
 mkdir -p $scratch
 mount -t tmpfs tmpfs $scratch
 mkdir $scratch/tmp $scratch/out
-mount -t hostfs -o "$KESTRUNE_GUEST_OUT" hostfs $scratch/out
+share() {
+    mount -t 9p -o trans=virtio,version=9p2000.L,msize=262144 "$1" "$2"
+}
+share out $scratch/out
 # A host folder the caller asked to keep the guest's results in, writable at its own path.
 if [ -n "${KESTRUNE_GUEST_WRITABLE:-}" ]; then
-    mount -t hostfs -o "$KESTRUNE_GUEST_WRITABLE" hostfs "$KESTRUNE_GUEST_WRITABLE"
+    share writable "$KESTRUNE_GUEST_WRITABLE"
 fi
 
 status=1
 finish() {
     echo "$status" >$scratch/out/status
     sync
-    /bin/busybox poweroff -f
+    /bin/busybox reboot -f
 }
 
 # The filter tables and the matches the example rule sets use.
 filters="ip_tables iptable_filter ip6_tables ip6table_filter xt_tcpudp xt_conntrack"
-# modprobe wants <dir>/lib/modules/<release>; the guest's modules live elsewhere on the host.
-release=$(uname -r)
-mkdir -p $scratch/modules/lib/modules
-ln -s "/usr/lib/uml/modules/$release" "$scratch/modules/lib/modules/$release"
-if ! modprobe -a -d $scratch/modules ipv6 8021q sch_prio tun veth $filters; then
-    echo "vm tier: the guest cannot load its modules (ipv6 8021q sch_prio tun veth $filters)"
+# The guest kernel's modules are in the host's cache of it (scripts/vm-kernel.sh).
+if ! modprobe -a -d "$KESTRUNE_GUEST_MODULES" 8021q sch_prio tun veth $filters; then
+    echo "vm tier: the guest cannot load its modules (8021q sch_prio tun veth $filters)"
     finish
 fi
 
