@@ -1,13 +1,17 @@
 #include "log/HistoryStore.h"
 
+#include "log/EventJournal.h"
 #include "util/Trace.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
-#include <filesystem>
+#include <ctime>
+#include <set>
 #include <sqlite3.h>
 #include <stdexcept>
-#include <system_error>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace Kestrune {
 
@@ -19,13 +23,21 @@ constexpr const char* schema = "CREATE TABLE IF NOT EXISTS event ("
                                " persistence TEXT NOT NULL,"
                                " agent TEXT NOT NULL,"
                                " message_group TEXT NOT NULL,"
-                               " message TEXT NOT NULL)";
+                               " message TEXT NOT NULL,"
+                               " origin TEXT)";
 
-constexpr const char* insertEvent = "INSERT INTO event (time, persistence, agent, message_group,"
-                                    " message) VALUES (?1, ?2, ?3, ?4, ?5)";
+// Histories written before events carried their origin get the column on first open.
+constexpr const char* originIndex =
+    "CREATE UNIQUE INDEX IF NOT EXISTS event_origin ON event(origin)";
+
+constexpr const char* insertEvent =
+    "INSERT OR IGNORE INTO event (time, persistence, agent, message_group, message, origin)"
+    " VALUES (?1, ?2, ?3, ?4, ?5, ?6)";
 
 constexpr const char* selectEvents =
-    "SELECT time, persistence, agent, message_group, message FROM event ORDER BY id";
+    "SELECT time, persistence, agent, message_group, message, origin FROM event ORDER BY id";
+
+constexpr mode_t folderMode = 0755;
 
 using Statement = std::unique_ptr<sqlite3_stmt, decltype(&sqlite3_finalize)>;
 
@@ -42,10 +54,13 @@ bool bindText(sqlite3_stmt* statement, int index, const std::string& text) {
 
 bool insert(sqlite3_stmt* statement, const Event& event) {
     sqlite3_reset(statement);
-    return sqlite3_bind_double(statement, 1, event.time) == SQLITE_OK &&
-           bindText(statement, 2, event.persistence) && bindText(statement, 3, event.agent) &&
-           bindText(statement, 4, event.group) && bindText(statement, 5, event.message) &&
-           sqlite3_step(statement) == SQLITE_DONE;
+    const bool bound = sqlite3_bind_double(statement, 1, event.time) == SQLITE_OK &&
+                       bindText(statement, 2, event.persistence) &&
+                       bindText(statement, 3, event.agent) && bindText(statement, 4, event.group) &&
+                       bindText(statement, 5, event.message) &&
+                       (event.origin.empty() ? sqlite3_bind_null(statement, 6) == SQLITE_OK
+                                             : bindText(statement, 6, event.origin));
+    return bound && sqlite3_step(statement) == SQLITE_DONE;
 }
 
 std::string textColumn(sqlite3_stmt* statement, int column) {
@@ -53,6 +68,38 @@ std::string textColumn(sqlite3_stmt* statement, int column) {
     return text ? std::string(reinterpret_cast<const char*>(text),
                               static_cast<std::size_t>(sqlite3_column_bytes(statement, column)))
                 : std::string();
+}
+
+bool hasOriginColumn(sqlite3* db) {
+    Statement columns = prepare(db, "PRAGMA table_info(event)");
+    while (columns && sqlite3_step(columns.get()) == SQLITE_ROW) {
+        if (textColumn(columns.get(), 1) == "origin") {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Makes each missing folder of the path with an explicit mode. The history's own folder must
+// be a real folder: a link planted there would put root's files wherever it points. "" or
+// the reason it cannot.
+std::string folderMade(const std::string& path) {
+    std::string folder;
+    for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
+         slash = path.find('/', slash + 1)) {
+        folder = path.substr(0, slash);
+        const mode_t mask = umask(0);
+        const int made = mkdir(folder.c_str(), folderMode);
+        umask(mask);
+        if (made != 0 && errno != EEXIST) {
+            return "cannot make " + folder + ": " + std::strerror(errno);
+        }
+    }
+    struct stat status {};
+    if (!folder.empty() && (lstat(folder.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))) {
+        return folder + " is not a folder (a link is not followed)";
+    }
+    return "";
 }
 
 } // namespace
@@ -64,30 +111,109 @@ HistoryStore::~HistoryStore() {
     sqlite3_close(db_);
 }
 
-bool HistoryStore::doRestore() {
-    if (db_ || path_.empty()) {
-        return db_ != nullptr;
-    }
-    std::error_code error;
-    auto folder = std::filesystem::path(path_).parent_path();
-    if (!folder.empty()) {
-        std::filesystem::create_directories(folder, error);
+void HistoryStore::problemIs(std::string problem) {
+    TRACE(0) << "HistoryStore " << problem;
+    problems_.push_back(std::move(problem));
+}
+
+bool HistoryStore::doOpen() {
+    if (const std::string folderProblem = folderMade(path_); !folderProblem.empty()) {
+        problemIs("cannot open event history " + path_ + ": " + folderProblem);
+        return false;
     }
     sqlite3* db = nullptr;
+    const mode_t mask = umask(S_IWGRP | S_IWOTH);
     int status =
-        sqlite3_open_v2(path_.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+        sqlite3_open_v2(path_.c_str(), &db,
+                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW, nullptr);
     if (status == SQLITE_OK) {
-        sqlite3_busy_timeout(db, 2000);
+        // Another writer is never waited for: the events wait in the journal instead.
+        sqlite3_busy_timeout(db, 0);
+        status = sqlite3_exec(db, "PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL", nullptr,
+                              nullptr, nullptr);
+    }
+    if (status == SQLITE_OK) {
         status = sqlite3_exec(db, schema, nullptr, nullptr, nullptr);
     }
+    if (status == SQLITE_OK && !hasOriginColumn(db)) {
+        status =
+            sqlite3_exec(db, "ALTER TABLE event ADD COLUMN origin TEXT", nullptr, nullptr, nullptr);
+    }
+    if (status == SQLITE_OK) {
+        status = sqlite3_exec(db, originIndex, nullptr, nullptr, nullptr);
+    }
+    umask(mask);
+    if (status == SQLITE_NOTADB || status == SQLITE_CORRUPT) {
+        sqlite3_close(db);
+        // Kept for whoever wants to read what is left of it; the restore needs a history now.
+        const std::string aside = path_ + ".corrupt-" + std::to_string(std::time(nullptr));
+        if (std::rename(path_.c_str(), aside.c_str()) != 0) {
+            problemIs("event history " + path_ +
+                      " is not a history and cannot be moved aside: " + std::strerror(errno));
+            return false;
+        }
+        problemIs("event history " + path_ + " was not a history; moved aside to " + aside);
+        return doOpen();
+    }
     if (status != SQLITE_OK) {
-        TRACE(0) << "HistoryStore cannot open event history " << path_ << ": "
-                 << (db ? sqlite3_errmsg(db) : sqlite3_errstr(status));
+        problemIs("cannot open event history " + path_ + ": " +
+                  (db ? sqlite3_errmsg(db) : sqlite3_errstr(status)));
         sqlite3_close(db);
         return false;
     }
     db_ = db;
     return true;
+}
+
+bool HistoryStore::doRestore() {
+    if (db_ || path_.empty()) {
+        return db_ != nullptr;
+    }
+    if (!doOpen()) {
+        return false;
+    }
+    doFoldOrphans();
+    return true;
+}
+
+void HistoryStore::doFoldOrphans() {
+    for (const std::string& journal : EventJournal::orphansOf(path_)) {
+        if (doInsert(EventJournal::eventsOf(journal))) {
+            ::unlink(journal.c_str());
+        }
+    }
+}
+
+bool HistoryStore::doInsert(const std::vector<Event>& events) {
+    if (events.empty()) {
+        return true;
+    }
+    const int begun = sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
+    locked_ = begun == SQLITE_BUSY || begun == SQLITE_LOCKED;
+    if (locked_) {
+        TRACE(0) << "HistoryStore " << path_ << " is locked by another writer; " << events.size()
+                 << " events wait in the journal";
+        return false;
+    }
+    bool stored = begun == SQLITE_OK;
+    if (stored) {
+        Statement statement = prepare(db_, insertEvent);
+        for (const Event& event : events) {
+            if (!statement || !insert(statement.get(), event)) {
+                stored = false;
+                break;
+            }
+        }
+    }
+    if (stored) {
+        stored = sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK;
+    }
+    if (!stored) {
+        problemIs("cannot store " + std::to_string(events.size()) + " events in " + path_ + ": " +
+                  sqlite3_errmsg(db_));
+        sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+    }
+    return stored;
 }
 
 bool HistoryStore::doStore() {
@@ -99,26 +225,7 @@ bool HistoryStore::doStore() {
         eventLog_->pendingDelAll();
         return true;
     }
-    if (!doRestore()) {
-        return false;
-    }
-    bool stored = sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) == SQLITE_OK;
-    if (stored) {
-        Statement statement = prepare(db_, insertEvent);
-        for (const Event& event : pending) {
-            if (!statement || !insert(statement.get(), event)) {
-                stored = false;
-                break;
-            }
-        }
-    }
-    if (stored) {
-        stored = sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK;
-    }
-    if (!stored) {
-        TRACE(0) << "HistoryStore cannot store " << pending.size() << " events in " << path_ << ": "
-                 << sqlite3_errmsg(db_);
-        sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+    if (!doRestore() || !doInsert(pending)) {
         return false;
     }
     eventLog_->pendingDelAll();
@@ -126,28 +233,40 @@ bool HistoryStore::doStore() {
 }
 
 std::vector<Event> HistoryStore::historyOf(const std::string& path) {
-    if (!std::filesystem::exists(path)) {
-        throw std::runtime_error("cannot read event history " + path + ": " +
-                                 std::strerror(ENOENT));
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0) {
+        throw std::runtime_error("cannot read event history " + path + ": " + std::strerror(errno));
     }
     sqlite3* raw = nullptr;
-    int status = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READONLY, nullptr);
+    int opened = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READONLY, nullptr);
     std::unique_ptr<sqlite3, decltype(&sqlite3_close)> db(raw, &sqlite3_close);
     Statement statement =
-        status == SQLITE_OK ? prepare(raw, selectEvents) : Statement(nullptr, &sqlite3_finalize);
+        opened == SQLITE_OK ? prepare(raw, selectEvents) : Statement(nullptr, &sqlite3_finalize);
     if (!statement) {
         throw std::runtime_error("cannot read event history " + path + ": " +
-                                 (raw ? sqlite3_errmsg(raw) : sqlite3_errstr(status)));
+                                 (raw ? sqlite3_errmsg(raw) : sqlite3_errstr(opened)));
     }
     std::vector<Event> events;
-    while ((status = sqlite3_step(statement.get())) == SQLITE_ROW) {
+    std::set<std::string> origins;
+    while ((opened = sqlite3_step(statement.get())) == SQLITE_ROW) {
         events.push_back(
             eventFactory(textColumn(statement.get(), 1), textColumn(statement.get(), 2),
                          textColumn(statement.get(), 3), sqlite3_column_double(statement.get(), 0),
                          textColumn(statement.get(), 4)));
+        events.back().origin = textColumn(statement.get(), 5);
+        origins.insert(events.back().origin);
     }
-    if (status != SQLITE_DONE) {
+    if (opened != SQLITE_DONE) {
         throw std::runtime_error("cannot read event history " + path + ": " + sqlite3_errmsg(raw));
+    }
+    // Events a process recorded but had not stored yet, or could not: it is still running,
+    // was killed, or found the history locked.
+    for (const std::string& journal : EventJournal::journalsOf(path)) {
+        for (Event& event : EventJournal::eventsOf(journal)) {
+            if (origins.insert(event.origin).second) {
+                events.push_back(std::move(event));
+            }
+        }
     }
     return events;
 }

@@ -3,7 +3,9 @@
 #include "util/Trace.h"
 
 #include <chrono>
+#include <ctime>
 #include <new>
+#include <unistd.h>
 
 namespace Kestrune {
 
@@ -19,6 +21,14 @@ double utcNow() {
     return duration<double>(system_clock::now().time_since_epoch()).count();
 }
 
+// A lost event is worth one trace line, not one per event.
+void journalProblemIs(std::vector<std::string>& problems, const std::string& problem) {
+    if (problems.empty() || problems.back() != problem) {
+        TRACE(0) << "logEvent " << problem;
+        problems.push_back(problem);
+    }
+}
+
 } // namespace
 
 Log::Log() {
@@ -27,26 +37,46 @@ Log::Log() {
 
 Log::~Log() {
     doStore();
+    if (eventLog_ && eventLog_->pending().empty()) {
+        journal_.doRemove();
+    }
 }
 
 void Log::handleInitialized() {
     eventLog_ = eventLogQueueFactory();
     historyStore_ = historyStoreFactory(eventLog_, historyPath());
+    if (!historyPath().empty() && !journal_.doOpen(historyPath(), originPrefix())) {
+        journalProblemIs(journalProblems_, journal_.error());
+    }
     historyStore_->doRestore();
+    lastStore_ = utcNow();
     initialized_ = true;
 }
 
 void Log::eventIs(const std::string& messageGroup, const std::string& message) {
-    eventLog_->eventIs(eventFactory("persistent", "Kestrune", messageGroup, utcNow(), message));
+    const double now = utcNow();
+    Event event = eventFactory("persistent", "Kestrune", messageGroup, now, message);
+    event.origin = originPrefix() + "-" + std::to_string(++sequence_);
+    TRACE(9) << "logEvent " << messageGroup << ": " << message;
+    if (journal_.isOpen() && !journal_.doAppend(event)) {
+        journalProblemIs(journalProblems_, journal_.error());
+    }
+    eventLog_->eventIs(std::move(event));
     updated_ = true;
+    if (now - lastStore_ >= groupCommitSeconds) {
+        doStore();
+    }
 }
 
 void Log::doStore() {
+    lastStore_ = utcNow();
     if (!updated_) {
         return;
     }
-    historyStore_->doStore();
-    updated_ = false;
+    if (historyStore_->doStore()) {
+        journal_.doClear();
+        updated_ = false;
+    }
 }
 
 Log::Ptr& Log::instance() {
@@ -113,6 +143,33 @@ void Log::historyPathIs(std::string path) {
 
 const std::string& Log::historyPath() {
     return configuredHistoryPath();
+}
+
+Log::HistoryStatus Log::historyStatus() {
+    HistoryStatus status;
+    status.path = historyPath();
+    const Ptr& log = instance();
+    if (!log) {
+        return status;
+    }
+    status.problems = log->journalProblems_;
+    const auto& storeProblems = log->historyStore_->problems();
+    status.problems.insert(status.problems.end(), storeProblems.begin(), storeProblems.end());
+    status.ok = status.problems.empty();
+    if (log->historyStore_->locked()) {
+        status.waiting = log->eventLog_->pending().size();
+    }
+    return status;
+}
+
+const std::string& Log::originPrefix() {
+    static const std::string prefix = [] {
+        timespec now{};
+        clock_gettime(CLOCK_REALTIME, &now);
+        return std::to_string(getpid()) + "-" + std::to_string(now.tv_sec) + "." +
+               std::to_string(now.tv_nsec);
+    }();
+    return prefix;
 }
 
 } // namespace Kestrune

@@ -1,8 +1,10 @@
 #pragma once
 
+#include "log/EventJournal.h"
 #include "log/EventLogQueue.h"
 #include "log/HistoryStore.h"
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -10,13 +12,27 @@
 
 namespace Kestrune {
 
-// The process-wide event log: queues the restore's events and stores them in the history,
-// at the latest when the process exits.
+// The process-wide event log: queues the restore's events and stores them in the history.
+// Each event is in the process's journal the moment it is recorded (one write, so no end of
+// the process loses it), and in the history at the next group commit: when an event comes
+// more than groupCommitSeconds after the last store, when a caller stores (the restore does
+// after each phase), and when the process exits or ends on an assertion.
 class Log {
   public:
     using Ptr = std::shared_ptr<Log>;
 
     static constexpr const char* defaultHistoryPath = "/var/lib/kestrune/history.db";
+    static constexpr double groupCommitSeconds = 0.1;
+
+    // What became of this process's events. ok is false when an event may not have reached
+    // the disk, or the history had to be replaced; waiting counts the events that wait in
+    // the journal for a history locked by another writer.
+    struct HistoryStatus {
+        std::string path;
+        bool ok = true;
+        std::vector<std::string> problems;
+        std::size_t waiting = 0;
+    };
 
     Log();
     ~Log();
@@ -42,6 +58,9 @@ class Log {
     // file first. An empty path records no history.
     static void historyPathIs(std::string path);
     static const std::string& historyPath();
+    static HistoryStatus historyStatus();
+    // "<pid>-<start>": what every event of this process's origin begins with.
+    static const std::string& originPrefix();
 
     // Told of every event as it is recorded, besides the history: for a caller that reports
     // on the restore it drives. An empty observer stops it.
@@ -74,6 +93,10 @@ class Log {
     HistoryStore::Ptr historyStore_;
     bool updated_ = false;
     bool initialized_ = false;
+    EventJournal journal_;
+    std::vector<std::string> journalProblems_;
+    std::uint64_t sequence_ = 0;
+    double lastStore_ = 0;
 };
 
 } // namespace Kestrune

@@ -35,6 +35,8 @@ void TempDir::write(const std::string& name, const std::string& content) const {
     std::ofstream(path_ / name, std::ios::binary) << content;
 }
 
+const std::string recordedTrace = "Kestrune:9 logEvent ";
+
 Outcome runProcess(const TempDir& dir, const std::function<void()>& body) {
     const std::string history = dir.file("history.db");
     const std::string traces = dir.file("trace.txt");
@@ -56,7 +58,7 @@ Outcome runProcess(const TempDir& dir, const std::function<void()>& body) {
     outcome.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
     std::ifstream traceFile(traces);
     for (std::string line; std::getline(traceFile, line);) {
-        outcome.traces.push_back(line);
+        (line.rfind(recordedTrace, 0) == 0 ? outcome.recorded : outcome.traces).push_back(line);
     }
     if (std::filesystem::exists(history)) {
         outcome.events = HistoryStore::historyOf(history);

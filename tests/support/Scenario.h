@@ -29,9 +29,13 @@ struct Outcome {
     bool exited = false;
     int exitCode = -1;
     int signal = 0;
-    std::vector<std::string> traces;
+    std::vector<std::string> traces;   // without the lines below
+    std::vector<std::string> recorded; // the "logEvent" trace of each event as it was recorded
     std::vector<Event> events;
 };
+
+// The trace line that begins each recorded event: a witness written before the event itself.
+extern const std::string recordedTrace;
 
 // Runs body in a child process that owns its event log (history in dir), with every trace
 // level on and traces written to a file as they happen, then exits the child normally. A
