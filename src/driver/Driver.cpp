@@ -6,6 +6,7 @@
 #include "util/KernelName.h"
 #include "util/Namespace.h"
 #include "util/NetDevice.h"
+#include "util/Stop.h"
 #include "util/Trace.h"
 #include "util/Utils.h"
 
@@ -93,6 +94,7 @@ void Driver::createIntfsInDefaultNs() {
             if (passOf(type) != pass) {
                 continue;
             }
+            stopPoint();
             switch (type) {
             case InterfaceType::L2_:
                 createdWith(*intf, createL2Interface(intf, bridgeMac));

@@ -5,6 +5,7 @@
 #include "util/Command.h"
 #include "util/KernelName.h"
 #include "util/Namespace.h"
+#include "util/Stop.h"
 #include "util/Trace.h"
 #include "util/Utils.h"
 
@@ -24,6 +25,7 @@ void Driver::moveIntfsToCorrectNs() {
         if (!isPlacedLayer3(*intf)) {
             continue;
         }
+        stopPoint();
         if (intf->netNsName().empty()) {
             std::fprintf(stderr, "Failed(%s) %s of type %s has invalid netNsName\n",
                          "itr->netNsName() != \"\"", name.c_str(),
@@ -47,6 +49,7 @@ void Driver::configureIntfsInNs() {
         if (!isPlacedLayer3(*intf)) {
             continue;
         }
+        stopPoint();
         KESTRUNE_ASSERT_TEXT(!intf->netNsName().empty(), "itr->netNsName() != \"\"");
         const NamespaceName ns(intf->netNsName());
         KESTRUNE_ASSERT_TEXT(switchToNs(ns) == 0, "switchToNs(itr->netNsName()) == 0");
@@ -118,6 +121,7 @@ void Driver::configureIptablesRules() {
         {"ip6tables-restore -n", iptables != nullptr ? iptables->ip6tables() : none},
     }};
     for (const RestoreCommand& restore : restoreCmds) {
+        stopPoint();
         TRACE(0) << "configureIptablesRules"
                  << " " << restore.command;
         CommandInput pipe(restore.command);

@@ -54,9 +54,13 @@ void Log::handleInitialized() {
 }
 
 void Log::eventIs(const std::string& messageGroup, const std::string& message) {
+    eventIs(originPrefix() + "-" + std::to_string(++sequence_), messageGroup, message);
+}
+
+void Log::eventIs(std::string origin, const std::string& messageGroup, const std::string& message) {
     const double now = utcNow();
     Event event = eventFactory("persistent", "Kestrune", messageGroup, now, message);
-    event.origin = originPrefix() + "-" + std::to_string(++sequence_);
+    event.origin = std::move(origin);
     TRACE(9) << "logEvent " << messageGroup << ": " << message;
     if (journal_.isOpen() && !journal_.doAppend(event)) {
         journalProblemIs(journalProblems_, journal_.error());
@@ -106,15 +110,7 @@ void Log::observerIs(Observer observer) {
     Log::observer() = std::move(observer);
 }
 
-void Log::logEvent(const std::string& messageGroup, const std::string& message) {
-    if (const Observer& told = observer()) {
-        told(messageGroup, message);
-    }
-    if (Capture* current = capture()) {
-        current->events_.push_back(
-            eventFactory("persistent", "Kestrune", messageGroup, utcNow(), message));
-        return;
-    }
+Log* Log::created() {
     Ptr& log = instance();
     if (!log) {
         try {
@@ -126,9 +122,36 @@ void Log::logEvent(const std::string& messageGroup, const std::string& message) 
     if (!log) {
         TRACE(0) << "logEvent"
                  << " could not allocate instance. Not storing events";
+    }
+    return log.get();
+}
+
+void Log::logEvent(const std::string& messageGroup, const std::string& message) {
+    if (const Observer& told = observer()) {
+        told(messageGroup, message);
+    }
+    if (Capture* current = capture()) {
+        current->events_.push_back(
+            eventFactory("persistent", "Kestrune", messageGroup, utcNow(), message));
         return;
     }
-    log->eventIs(messageGroup, message);
+    if (Log* log = created()) {
+        log->eventIs(messageGroup, message);
+    }
+}
+
+void Log::logEventAs(const std::string& origin, const std::string& messageGroup,
+                     const std::string& message) {
+    if (const Observer& told = observer()) {
+        told(messageGroup, message);
+    }
+    if (Log* log = capture() ? nullptr : created()) {
+        log->eventIs(origin, messageGroup, message);
+    }
+}
+
+void Log::doOpenHistory() {
+    created();
 }
 
 void Log::doStorePending() {

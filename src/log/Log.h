@@ -52,6 +52,11 @@ class Log {
 
     // Records one event in the single instance, creating it on first use.
     static void logEvent(const std::string& messageGroup, const std::string& message);
+    // The same, with the origin given: an event that may be in the journal already.
+    static void logEventAs(const std::string& origin, const std::string& messageGroup,
+                           const std::string& message);
+    // Creates the single instance now, with its journal, rather than at the first event.
+    static void doOpenHistory();
     // Stores the single instance's pending events now, if there is an instance.
     static void doStorePending();
     // Where the history lives. Events recorded before the change are stored in the old
@@ -86,6 +91,8 @@ class Log {
 
   private:
     static Ptr& instance();
+    static Log* created();
+    void eventIs(std::string origin, const std::string& messageGroup, const std::string& message);
     static Capture*& capture();
     static Observer& observer();
 

@@ -1,10 +1,13 @@
 #include "util/Command.h"
 
+#include "log/Log.h"
+#include "util/Stop.h"
 #include "util/Trace.h"
 #include "util/Utils.h"
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -18,6 +21,45 @@
 
 namespace Kestrune {
 namespace {
+
+int deadlineMs = commandDefaultDeadlineMs;
+
+// The time left of a command's deadline; commandNoTimeout when it has none.
+class Deadline {
+  public:
+    explicit Deadline(int timeoutMs, std::chrono::steady_clock::time_point start =
+                                         std::chrono::steady_clock::now())
+        : timeoutMs_(timeoutMs), start_(start) {}
+    int timeoutMs() const { return timeoutMs_; }
+    int leftMs() const {
+        if (timeoutMs_ < 0) {
+            return commandNoTimeout;
+        }
+        const auto spent = std::chrono::duration_cast<std::chrono::milliseconds>(
+                               std::chrono::steady_clock::now() - start_)
+                               .count();
+        return spent >= timeoutMs_ ? 0 : static_cast<int>(timeoutMs_ - spent);
+    }
+
+  private:
+    int timeoutMs_;
+    std::chrono::steady_clock::time_point start_;
+};
+
+// The deadline of a command given none of its own: the process-wide one.
+int effectiveTimeout(int timeoutMs) {
+    return timeoutMs >= 0 ? timeoutMs : deadlineMs;
+}
+
+// Ends a command that ran past its deadline, with whatever it started (it leads its own
+// process group), and says so in the trace and the history.
+void killPastDeadline(const std::string& commandLine, pid_t pid, int timeoutMs) {
+    kill(-pid, SIGKILL);
+    const std::string text =
+        commandLine + " killed after " + std::to_string(timeoutMs) + " ms: past its deadline";
+    TRACE(0) << "runCommand " << text;
+    Log::logEvent("Command", text);
+}
 
 // The child's end of one standard stream: inherited, /dev/null, or a descriptor of ours.
 void streamOf(posix_spawn_file_actions_t* actions, int fd, int target) {
@@ -58,7 +100,10 @@ pid_t spawn(const std::string& commandLine, int stdinFd, int stdoutFd, int stder
     sigfillset(&all);
     posix_spawnattr_setsigmask(&attributes, &none);
     posix_spawnattr_setsigdefault(&attributes, &all);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    // Its own process group, so that a deadline or a stop ends all it started.
+    posix_spawnattr_setpgroup(&attributes, 0);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF |
+                                              POSIX_SPAWN_SETPGROUP);
 
     pid_t pid = -1;
     const int error = posix_spawnp(&pid, argv[0], &actions, &attributes, argv.data(), environ);
@@ -83,31 +128,37 @@ int statusOf(const std::string& commandLine, int status) {
 }
 
 int waitFor(pid_t pid, int* status) {
+    runningCommandIs(pid);
     for (;;) {
         if (waitpid(pid, status, 0) == pid) {
+            runningCommandIs(0);
             return 0;
         }
         if (errno != EINTR) {
+            runningCommandIs(0);
             return -1;
         }
     }
 }
 
-// Waits at most timeoutMs for the child; kills it when the time is up.
-int waitAtMost(const std::string& commandLine, pid_t pid, int timeoutMs, int* status) {
+// Waits for the child until the deadline; kills it when the time is up (-1).
+int waitAtMost(const std::string& commandLine, pid_t pid, const Deadline& deadline, int* status) {
+    if (deadline.timeoutMs() < 0) {
+        return waitFor(pid, status);
+    }
+    runningCommandIs(pid);
     // Called directly: Debian 12's glibc declares pidfd_open without C linkage.
     const int pidFd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
     if (pidFd >= 0) {
         pollfd exited{pidFd, POLLIN, 0};
         int ready = 0;
         do {
-            ready = poll(&exited, 1, timeoutMs);
+            ready = poll(&exited, 1, deadline.leftMs());
         } while (ready < 0 && errno == EINTR);
         ::close(pidFd);
         if (ready == 0) {
-            kill(pid, SIGKILL);
+            killPastDeadline(commandLine, pid, deadline.timeoutMs());
             waitFor(pid, status);
-            TRACE(0) << "runCommand " << commandLine << " killed after " << timeoutMs << " ms";
             return -1;
         }
     }
@@ -115,6 +166,14 @@ int waitAtMost(const std::string& commandLine, pid_t pid, int timeoutMs, int* st
 }
 
 } // namespace
+
+void commandDeadlineMsIs(int milliseconds) {
+    deadlineMs = milliseconds;
+}
+
+int commandDeadlineMs() {
+    return deadlineMs;
+}
 
 std::vector<std::string> commandArgv(std::string_view line) {
     std::vector<std::string> words;
@@ -131,7 +190,9 @@ std::vector<std::string> commandArgv(std::string_view line) {
     return words;
 }
 
-CommandInput::CommandInput(const std::string& commandLine) {
+CommandInput::CommandInput(const std::string& commandLine, int timeoutMs)
+    : commandLine_(commandLine), timeoutMs_(effectiveTimeout(timeoutMs)),
+      start_(std::chrono::steady_clock::now()) {
     std::array<int, 2> ends{-1, -1};
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
         TRACE(0) << "runCommand"
@@ -144,6 +205,7 @@ CommandInput::CommandInput(const std::string& commandLine) {
     ::close(ends[1]);
     if (pid_ > 0) {
         inputFd_ = ends[0];
+        runningCommandIs(pid_);
     } else {
         ::close(ends[0]);
     }
@@ -153,13 +215,25 @@ CommandInput::~CommandInput() {
     close();
 }
 
+int CommandInput::leftMs() const {
+    return Deadline(timeoutMs_, start_).leftMs();
+}
+
 std::size_t CommandInput::write(std::string_view bytes) {
     std::size_t written = 0;
-    while (inputFd_ >= 0 && written < bytes.size()) {
-        const auto sent =
-            send(inputFd_, bytes.data() + written, bytes.size() - written, MSG_NOSIGNAL);
+    while (inputFd_ >= 0 && pid_ > 0 && written < bytes.size()) {
+        // A command that stops reading must not hold the restore past its deadline.
+        pollfd room{inputFd_, POLLOUT, 0};
+        const int ready = poll(&room, 1, leftMs());
+        if (ready == 0) {
+            killPastDeadline(commandLine_, pid_, timeoutMs_);
+            break;
+        }
+        const auto sent = ready < 0 ? -1
+                                    : send(inputFd_, bytes.data() + written, bytes.size() - written,
+                                           MSG_NOSIGNAL | MSG_DONTWAIT);
         if (sent < 0) {
-            if (errno == EINTR) {
+            if (errno == EINTR || errno == EAGAIN) {
                 continue;
             }
             break;
@@ -178,8 +252,12 @@ int CommandInput::close() {
     int status = 0;
     const pid_t pid = pid_;
     pid_ = -1;
-    if (waitFor(pid, &status) != 0) {
-        return -1;
+    const int left = leftMs();
+    if (left == 0) {
+        // Killed while its input was written: only its end is left to collect.
+        waitFor(pid, &status);
+    } else if (waitAtMost(commandLine_, pid, Deadline(left), &status) != 0) {
+        return 128 + SIGKILL;
     }
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
@@ -193,8 +271,8 @@ int runCommand(const std::string& commandLine, int stdinFd, int stdoutFd, int st
         return -1;
     }
     int status = 0;
-    const int waited = timeoutMs >= 0 ? Kestrune::waitAtMost(commandLine, pid, timeoutMs, &status)
-                                      : Kestrune::waitFor(pid, &status);
+    const Kestrune::Deadline deadline(Kestrune::effectiveTimeout(timeoutMs));
+    const int waited = Kestrune::waitAtMost(commandLine, pid, deadline, &status);
     return waited == 0 ? Kestrune::statusOf(commandLine, status) : -1;
 }
 
@@ -224,6 +302,6 @@ std::string exec(const char* command) {
     }
     close(ends[0]);
     int status = 0;
-    Kestrune::waitFor(pid, &status);
+    Kestrune::waitAtMost(command, pid, Kestrune::Deadline(Kestrune::deadlineMs), &status);
     return output;
 }

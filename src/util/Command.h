@@ -4,6 +4,7 @@
 // the program and its arguments and spawned with posix_spawn, the program searched on PATH
 // when it is a bare name. So no text from the store can start a command of its own.
 
+#include <chrono>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -14,6 +15,13 @@ namespace Kestrune {
 inline constexpr int commandInherit = -1; // the child shares the caller's stream
 inline constexpr int commandDiscard = -2; // the stream is /dev/null
 inline constexpr int commandNoTimeout = -1;
+inline constexpr int commandDefaultDeadlineMs = 30000;
+
+// Every command the restore runs ends by this deadline, also those run with no timeout of
+// their own: past it, the command's process group is killed, traced and recorded. A restore
+// that hangs keeps the switch from coming back. commandNoTimeout lifts it.
+void commandDeadlineMsIs(int milliseconds);
+int commandDeadlineMs();
 
 // The program and its arguments: the words of the line between runs of blanks and tabs.
 std::vector<std::string> commandArgv(std::string_view line);
@@ -23,7 +31,8 @@ std::vector<std::string> commandArgv(std::string_view line);
 // short write instead of a SIGPIPE that would end the restore.
 class CommandInput {
   public:
-    explicit CommandInput(const std::string& commandLine);
+    // timeoutMs bounds the whole run, the writing of its input included.
+    explicit CommandInput(const std::string& commandLine, int timeoutMs = commandNoTimeout);
     ~CommandInput();
     CommandInput(const CommandInput&) = delete;
     CommandInput& operator=(const CommandInput&) = delete;
@@ -32,10 +41,15 @@ class CommandInput {
     // The number of bytes the command's input took: all of them unless it stopped reading.
     std::size_t write(std::string_view bytes);
     // Ends the input and waits: the exit status (128 + the signal for a command a signal
-    // ended), or -1 when the command could not be waited for.
+    // ended or the deadline killed), or -1 when the command could not be waited for.
     int close();
 
   private:
+    int leftMs() const;
+
+    std::string commandLine_;
+    int timeoutMs_;
+    std::chrono::steady_clock::time_point start_;
     int pid_ = -1;
     int inputFd_ = -1;
 };
@@ -43,8 +57,8 @@ class CommandInput {
 } // namespace Kestrune
 
 // Runs a command line and returns its exit status, or -1 when it could not start, was ended
-// by a signal or ran past timeoutMs. The descriptors become the child's standard input, output
-// and error; commandInherit and commandDiscard as above.
+// by a signal or ran past timeoutMs (commandNoTimeout: the process-wide deadline). The descriptors
+// become the child's standard input, output and error; commandInherit and commandDiscard as above.
 int runCommand(const std::string& commandLine, int stdinFd = Kestrune::commandInherit,
                int stdoutFd = Kestrune::commandInherit, int stderrFd = Kestrune::commandInherit,
                int timeoutMs = Kestrune::commandNoTimeout);

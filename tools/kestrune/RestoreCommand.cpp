@@ -1,8 +1,10 @@
 #include "RestoreCommand.h"
 
 #include "CommonOptions.h"
+#include "RestoreLock.h"
 #include "RestoreRun.h"
 #include "parser/ConfigParserCreator.h"
+#include "util/Stop.h"
 
 #include <cstdlib>
 #include <fstream>
@@ -17,6 +19,7 @@ struct RestoreOptions {
     std::string pstoreDir;
     std::string report;
     CommonOptions common;
+    RestoreGuardOptions guard;
 };
 
 } // namespace
@@ -31,24 +34,37 @@ void addRestoreCommand(CLI::App& app, int& status) {
                         "/mnt/flash)");
     command->add_option("--report", options->report, "Write what the restore did as JSON");
     options->common.addTo(*command);
+    options->guard.addTo(*command);
     command->callback([options, &status] {
         options->common.apply();
+        RestoreLock lock;
+        if (!lock.doTake()) {
+            std::cerr << "kestrune restore: " << lock.error() << "\n";
+            status = 2;
+            return;
+        }
+        options->guard.apply();
         if (!options->pstoreDir.empty()) {
             setenv("ZEL_PSTORE_PATH", options->pstoreDir.c_str(), 1);
         }
         const RestoreReport report =
             runRestore([] { return configParserCreatorFactory()->create(); });
-        if (!options->report.empty()) {
-            std::ofstream(options->report) << report.json() << '\n';
-        }
+        const bool reported =
+            options->report.empty() || reportWritten(options->report, report.json());
         if (!report.started) {
             std::cerr << "kestrune restore: could not start: no store of a known platform, or "
                          "no driver for its platform (the trace says which)\n";
+        } else if (report.stoppedBy != 0) {
+            std::cerr << "kestrune restore: stopped by " << signalName(report.stoppedBy)
+                      << " before it finished\n";
         } else if (!report.ok()) {
             std::cerr << "kestrune restore: done with " << report.failures.size()
                       << " failure(s)\n";
         }
-        status = report.exitStatus();
+        for (const std::string& problem : report.history.problems) {
+            std::cerr << "kestrune restore: event history: " << problem << "\n";
+        }
+        status = reported || !report.ok() ? report.exitStatus() : 1;
     });
 }
 

@@ -2,11 +2,18 @@
 
 #include "driver/DriverCreator.h"
 #include "log/Log.h"
+#include "log/ProcessGuard.h"
+#include "util/Command.h"
 #include "util/Json.h"
 #include "util/KernelName.h"
+#include "util/Stop.h"
 #include "util/Trace.h"
 
+#include <cerrno>
 #include <chrono>
+#include <cstring>
+#include <fstream>
+#include <iostream>
 
 namespace Kestrune::Cli {
 namespace {
@@ -17,18 +24,13 @@ double msSince(Clock::time_point start) {
     return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
 }
 
-} // namespace
+using Timed = std::function<void(const char* phase, const std::function<void()>& work)>;
 
-RestoreReport runRestore(const std::function<ConfigParser::Ptr()>& parserOf,
-                         const std::function<void(const Config&)>& parsed) {
-    RestoreReport report;
-    const auto timed = [&report](const char* phase, const std::function<void()>& work) {
-        const auto start = Clock::now();
-        work();
-        report.phasesMs.emplace_back(phase, msSince(start));
-    };
-    const auto start = Clock::now();
-    Config::Ptr config;
+// The caller's sequence, phase by phase; what it made is left in config and driver.
+void runPhases(RestoreReport& report, const Timed& timed,
+               const std::function<ConfigParser::Ptr()>& parserOf,
+               const std::function<void(const Config&)>& parsed, Config::Ptr& config,
+               Driver::Ptr& driver) {
     timed("parse", [&] {
         if (const ConfigParser::Ptr parser = parserOf()) {
             config = parser->parse();
@@ -39,7 +41,6 @@ RestoreReport runRestore(const std::function<ConfigParser::Ptr()>& parserOf,
     Log::observerIs([&report](const std::string& group, const std::string& message) {
         report.failures.push_back(group + ": " + message);
     });
-    Driver::Ptr driver;
     if (config) {
         report.platformType = config->platformType();
         if (parsed) {
@@ -59,6 +60,60 @@ RestoreReport runRestore(const std::function<ConfigParser::Ptr()>& parserOf,
         timed("configure", [&] { driver->configureIntfsInNs(); });
         timed("filterRules", [&] { driver->configureIptablesRules(); });
     }
+}
+
+} // namespace
+
+void RestoreGuardOptions::addTo(CLI::App& command) {
+    command
+        .add_option("--command-deadline", commandDeadlineSeconds,
+                    "Seconds each command of the restore may run (modprobe, fab, schan, tc, the "
+                    "filter-rule tools) before its process group is killed; 0: no deadline")
+        ->check(CLI::NonNegativeNumber)
+        ->capture_default_str();
+}
+
+void RestoreGuardOptions::apply() const {
+    commandDeadlineMsIs(commandDeadlineSeconds > 0 ? static_cast<int>(commandDeadlineSeconds * 1000)
+                                                   : commandNoTimeout);
+    // Long enough for the restore to reach its next stop point and store its events.
+    constexpr unsigned stopGraceSeconds = 5;
+    ProcessGuard::doStopOnSignals(stopGraceSeconds);
+}
+
+bool reportWritten(const std::string& path, const std::string& json) {
+    std::ofstream out(path);
+    out << json << '\n';
+    out.close();
+    if (!out) {
+        std::cerr << "kestrune: cannot write the report " << path << ": " << std::strerror(errno)
+                  << "\n";
+        return false;
+    }
+    return true;
+}
+
+RestoreReport runRestore(const std::function<ConfigParser::Ptr()>& parserOf,
+                         const std::function<void(const Config&)>& parsed) {
+    RestoreReport report;
+    // Each phase ends with its events in the history, so a restore that dies in the next
+    // one leaves at least these behind in the database (and the rest in its journal).
+    const auto timed = [&report](const char* phase, const std::function<void()>& work) {
+        const auto start = Clock::now();
+        stopPoint();
+        work();
+        report.phasesMs.emplace_back(phase, msSince(start));
+        Log::doStorePending();
+    };
+    const auto start = Clock::now();
+    Config::Ptr config;
+    Driver::Ptr driver;
+    try {
+        runPhases(report, timed, parserOf, parsed, config, driver);
+    } catch (const StopRequested& stop) {
+        report.stoppedBy = stop.signal();
+        ProcessGuard::doRecordStop(stop.signal());
+    }
     report.phasesMs.emplace_back("total", msSince(start));
     if (config) {
         for (const auto& [name, intf] : config->interface()) {
@@ -68,6 +123,8 @@ RestoreReport runRestore(const std::function<ConfigParser::Ptr()>& parserOf,
         }
     }
     Log::observerIs({});
+    Log::doStorePending();
+    report.history = Log::historyStatus();
     return report;
 }
 
@@ -111,6 +168,27 @@ std::string RestoreReport::json(const std::string& extraName, const std::string&
     writer.StartArray();
     for (const std::string& text : failures) {
         writer.String(text.c_str());
+    }
+    writer.EndArray();
+    writer.EndObject();
+    writer.Key("stoppedBy");
+    if (stoppedBy != 0) {
+        writer.String(signalName(stoppedBy));
+    } else {
+        writer.Null();
+    }
+    writer.Key("history");
+    writer.StartObject();
+    writer.Key("path");
+    writer.String(history.path);
+    writer.Key("ok");
+    writer.Bool(history.ok);
+    writer.Key("waiting");
+    writer.Uint(static_cast<unsigned>(history.waiting));
+    writer.Key("problems");
+    writer.StartArray();
+    for (const std::string& problem : history.problems) {
+        writer.String(problem);
     }
     writer.EndArray();
     writer.EndObject();

@@ -1,7 +1,9 @@
 #pragma once
 
+#include "log/Log.h"
 #include "parser/ConfigParser.h"
 
+#include <CLI/CLI.hpp>
 #include <functional>
 #include <string>
 #include <utility>
@@ -24,13 +26,31 @@ struct RestoreReport {
     std::vector<std::pair<std::string, double>> phasesMs;
     std::vector<Interface> interfaces;
     std::vector<std::string> failures; // every event after parsing, "<group>: <message>"
+    int stoppedBy = 0;                 // the signal that stopped the restore, or 0
+    Log::HistoryStatus history;
 
-    bool ok() const { return started && initialized && failures.empty(); }
-    // 0 every step succeeded, 1 the restore ran with failures, 2 it could not start.
-    int exitStatus() const { return !started ? 2 : (ok() ? 0 : 1); }
+    bool ok() const {
+        return started && initialized && failures.empty() && stoppedBy == 0 && history.ok;
+    }
+    // 0 every step succeeded, 1 the restore ran with failures or its history could not be
+    // written, 2 it could not start, 128 + the signal when one stopped it.
+    int exitStatus() const {
+        return stoppedBy != 0 ? 128 + stoppedBy : !started ? 2 : (ok() ? 0 : 1);
+    }
     // The report as a JSON object; `extra` adds members (the simulator's kernel state).
     std::string json(const std::string& extraName = "", const std::string& extraJson = "") const;
 };
+
+// The flags of the commands that run a restore, beyond the common ones.
+struct RestoreGuardOptions {
+    double commandDeadlineSeconds = 30;
+    void addTo(CLI::App& command);
+    // Sets the command deadline and stops the restore cleanly on SIGTERM and SIGINT.
+    void apply() const;
+};
+
+// Writes a report; false, with the reason on standard error, when it cannot.
+bool reportWritten(const std::string& path, const std::string& json);
 
 // The caller's sequence: parse, choose the driver, bring the chip up, then create, move,
 // configure and restore the filter rules, each phase timed. `parsed` sees the configuration

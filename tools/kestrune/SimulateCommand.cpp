@@ -30,6 +30,7 @@ struct SimulateOptions {
     std::vector<std::string> refused;
     bool keep = false;
     CommonOptions common;
+    RestoreGuardOptions guard;
 };
 
 // Fresh network and mount namespaces with a /run of their own: the restore's devices, named
@@ -81,8 +82,10 @@ void addSimulateCommand(CLI::App& app, int& status) {
                         "(repeatable)");
     command->add_flag("--keep", options->keep, "Leave the sandbox alive and say how to enter it");
     options->common.addTo(*command);
+    options->guard.addTo(*command);
     command->callback([options, &status] {
         options->common.apply();
+        options->guard.apply();
         if (!sandboxed()) {
             status = 2;
             return;
@@ -115,13 +118,13 @@ void addSimulateCommand(CLI::App& app, int& status) {
                 std::cout << "  " << failure << "\n";
             }
         }
-        if (!options->report.empty()) {
-            std::ofstream(options->report) << report.json("kernel", kernelStateJson(state)) << '\n';
-        }
+        const bool reported =
+            options->report.empty() ||
+            reportWritten(options->report, report.json("kernel", kernelStateJson(state)));
         if (options->keep) {
             keepSandbox();
         }
-        status = report.exitStatus();
+        status = reported || !report.ok() ? report.exitStatus() : 1;
     });
 }
 

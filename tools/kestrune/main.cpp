@@ -4,6 +4,7 @@
 #include "RestoreCommand.h"
 #include "ShowCommand.h"
 #include "SimulateCommand.h"
+#include "log/ProcessGuard.h"
 
 #include <CLI/CLI.hpp>
 #include <iostream>
@@ -14,6 +15,7 @@ int main(int argc, char** argv) {
     app.set_version_flag("--version", "kestrune 0.1.0");
     app.require_subcommand(1);
 
+    Kestrune::ProcessGuard::doRecordUncaughtExceptions();
     int status = 0;
     Kestrune::Cli::addRestoreCommand(app, status);
     Kestrune::Cli::addSimulateCommand(app, status);
