@@ -2,6 +2,7 @@
 
 #include "log/Log.h"
 #include "parser/SandConfigParser.h"
+#include "parser/StoreFile.h"
 #include "parser/StrataConfigParser.h"
 #include "util/Trace.h"
 
@@ -12,8 +13,6 @@
 namespace Kestrune {
 
 namespace {
-
-constexpr std::size_t readBufferSize = 65535;
 
 std::string storePath() {
     const char* directory = std::getenv("ZEL_PSTORE_PATH");
@@ -32,22 +31,28 @@ ConfigParser::Ptr ConfigParserCreator::createFrom(const std::string& path) {
     TRACE(3) << "create"
              << " pstore file= " << path;
 
-    std::FILE* file = std::fopen(path.c_str(), "r");
-    if (!file) {
+    std::string bytes;
+    std::string reason;
+    const StoreFile::Outcome read = StoreFile::doRead(path, bytes, reason);
+    if (read != StoreFile::Outcome::Read) {
         TRACE(0) << "create"
                  << " " << path << " file not present";
         eventIs("create " + path + " file not present");
+        if (read != StoreFile::Outcome::NotReadable) {
+            // Something is there, but not a store: worth its own line in the history.
+            TRACE(0) << "create " << reason;
+            eventIs("create " + reason);
+        }
         return nullptr;
     }
 
-    std::vector<char> buffer(readBufferSize);
-    rapidjson::FileReadStream stream(file, buffer.data(), buffer.size());
     rapidjson::Document document;
-    // A store that is not JSON leaves a null document, which the first lookup below asserts
-    // on: a corrupt store is not something a restore can recover from.
-    document.ParseStream(stream);
-    // Closed as soon as it is read: the parser works from its own copy.
-    std::fclose(file);
+    if (!StoreFile::doParse(bytes, document, reason)) {
+        // The document stays null, which the first lookup below asserts on: a corrupt store
+        // is not something a restore can recover from. Where it went wrong is recorded first.
+        TRACE(0) << "create " << path << " is not JSON: " << reason;
+        eventIs("create " + path + " is not JSON: " + reason);
+    }
     return createFromDocument(document);
 }
 

@@ -1,6 +1,7 @@
 #include "parser/SkippedEntries.h"
 
 #include "log/Log.h"
+#include "parser/ModelProblems.h"
 #include "parser/SandConfigParser.h"
 #include "parser/StorePointer.h"
 #include "parser/StoreValue.h"
@@ -115,10 +116,11 @@ std::vector<StoreProblem> skippedEntriesOf(const rapidjson::Document& store,
     parser->doCopyDocument(store);
     std::vector<StoreProblem> problems;
     std::vector<std::string> lines;
+    Config::Ptr config;
     {
         Quiet quiet(lines);
         try {
-            parser->parse();
+            config = parser->parse();
         } catch (const AssertionFailure& e) {
             problems.push_back({"",
                                 std::string("the restore would end on the assertion ") + e.what(),
@@ -127,6 +129,10 @@ std::vector<StoreProblem> skippedEntriesOf(const rapidjson::Document& store,
     }
     for (const auto& line : lines) {
         addSkippedEntry(problems, store, line);
+    }
+    if (config) {
+        const auto more = modelProblemsOf(*config, store);
+        problems.insert(problems.end(), more.begin(), more.end());
     }
     return problems;
 }

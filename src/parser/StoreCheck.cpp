@@ -1,6 +1,7 @@
 #include "parser/StoreCheck.h"
 
 #include "parser/SkippedEntries.h"
+#include "parser/StoreFile.h"
 #include "parser/StorePointer.h"
 #include "parser/StoreValue.h"
 #include "util/Json.h"
@@ -62,7 +63,7 @@ std::string jsonTypeOf(const Value& value) {
 
 std::string jsonText(const Value& value) {
     rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    JsonWriter writer(buffer);
     value.Accept(writer);
     return buffer.GetString();
 }
@@ -352,12 +353,9 @@ std::string_view textOf(Consequence consequence) {
 
 std::vector<StoreProblem> StoreCheck::problemsOf(const std::string& storeText) {
     rapidjson::Document store;
-    store.Parse(storeText.c_str(), storeText.size());
-    if (store.HasParseError()) {
-        return {{"",
-                 std::string("not JSON: ") + rapidjson::GetParseError_En(store.GetParseError()) +
-                     " at offset " + std::to_string(store.GetErrorOffset()),
-                 Consequence::EndsProcess}};
+    std::string reason;
+    if (!StoreFile::doParse(storeText, store, reason)) {
+        return {{"", "not JSON: " + reason, Consequence::EndsProcess}};
     }
     return Checker(store).run();
 }

@@ -1,5 +1,7 @@
 #include "util/Trace.h"
 
+#include "util/Text.h"
+
 #include <charconv>
 #include <stdexcept>
 
@@ -46,7 +48,13 @@ void Trace::write(int level, std::string_view message) {
     std::string line = "Kestrune:";
     line += static_cast<char>('0' + level);
     line += ' ';
-    line += message;
+    // A name holding a newline must not forge a trace line of its own; a message may still
+    // end its own line, as some of the restore's texts do.
+    const bool ownEnd = !message.empty() && message.back() == '\n';
+    line += escapedText(message.substr(0, message.size() - (ownEnd ? 1 : 0)));
+    if (ownEnd) {
+        line += '\n';
+    }
     currentSink()(line);
 }
 

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <net/if.h>
 #include <net/if_arp.h>
+#include <stdexcept>
 #include <string_view>
 #include <sys/ioctl.h>
 
@@ -112,6 +113,21 @@ bool setMtu(const char* deviceName, unsigned mtu, int socketFd) {
     return true;
 }
 
+std::string addressProblem(const std::string& address, int family, void* parsed,
+                           int& prefixLength) {
+    std::string text;
+    try {
+        getAddrAndPrefix(address, text, prefixLength);
+    } catch (const std::logic_error& e) { // invalid_argument, out_of_range
+        // One odd address in a store costs that address, not the restore.
+        return "prefix length of " + address + " is not a number (" + e.what() + ")";
+    }
+    if (inet_pton(family, text.c_str(), parsed) != 1) {
+        return std::string("not an ") + (family == AF_INET ? "IPv4" : "IPv6") + " address: " + text;
+    }
+    return {};
+}
+
 void getAddrAndPrefix(const std::string& text, std::string& address, int& prefixLength) {
     const std::size_t slash = text.find('/');
     prefixLength = std::stoi(slash == std::string::npos ? text : text.substr(slash + 1));
@@ -137,11 +153,9 @@ unsigned addressToAdd(const char* operation, int family, const std::string& devi
     if (index == 0) {
         return 0;
     }
-    std::string text;
-    getAddrAndPrefix(address, text, prefixLength);
-    if (inet_pton(family, text.c_str(), parsed) != 1) {
-        TRACE(0) << operation << " " << deviceName << " not an "
-                 << (family == AF_INET ? "IPv4" : "IPv6") << " address: " << text;
+    if (const std::string problem = addressProblem(address, family, parsed, prefixLength);
+        !problem.empty()) {
+        TRACE(0) << operation << " " << deviceName << " " << problem;
         return 0;
     }
     return index;

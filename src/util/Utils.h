@@ -40,3 +40,6 @@ std::string parentIntfOfSubIntf(const std::string& subIntfName);
 // "10.1.2.3/24" -> "10.1.2.3" and 24. Throws std::invalid_argument / std::out_of_range (from
 // std::stoi) when the prefix length is not a number.
 void getAddrAndPrefix(const std::string& text, std::string& address, int& prefixLength);
+// Why an address text of the family (AF_INET, AF_INET6) cannot be added, "" when it can: then
+// `parsed` (in_addr or in6_addr) and prefixLength hold it. Never throws.
+std::string addressProblem(const std::string& address, int family, void* parsed, int& prefixLength);

@@ -109,10 +109,15 @@ TEST(ConfigParserCreator, StoresThatCannotBeReadEndTheProcessOnARecordedAssertio
         const char* what;
         const char* store;
         std::string assertion;
+        bool notJson = false; // recorded with where it goes wrong before the end
     };
     const Case cases[] = {
-        {"not JSON", "{\"Tessaline\": ", "IsObject()"},
-        {"empty file", "", "IsObject()"},
+        {"not JSON", "{\"Tessaline\": ", "IsObject()", true},
+        {"empty file", "", "IsObject()", true},
+        {"a byte-order mark", "\xEF\xBB\xBF{\"Tessaline\": {\"platformType\": \"Strata\"}}",
+         "IsObject()", true},
+        {"nested too deep", "[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[",
+         "IsObject()", true},
         {"root is an array", R"([{"Tessaline": {"platformType": "Strata"}}])", "IsObject()"},
         {"platform section is not an object", R"({"Tessaline": "Strata"})", "IsObject()"},
         {"platformType is not a string", R"({"SandTessaline": {"platformType": 1}})", "IsString()"},
@@ -124,10 +129,15 @@ TEST(ConfigParserCreator, StoresThatCannotBeReadEndTheProcessOnARecordedAssertio
         TempDir dir;
         Outcome outcome = createOver(dir, c.store);
         EXPECT_EQ(outcome.signal, SIGABRT) << c.what;
-        ASSERT_EQ(outcome.events.size(), 1U) << c.what;
-        EXPECT_EQ(outcome.events[0].group, "Assertion");
-        EXPECT_EQ(outcome.events[0].message.rfind("assertion failed: " + c.assertion + " (", 0), 0U)
-            << c.what << ": " << outcome.events[0].message;
+        ASSERT_FALSE(outcome.events.empty()) << c.what;
+        const Event& last = outcome.events.back();
+        EXPECT_EQ(last.group, "Assertion");
+        EXPECT_EQ(last.message.rfind("assertion failed: " + c.assertion + " (", 0), 0U)
+            << c.what << ": " << last.message;
+        ASSERT_EQ(outcome.events.size(), c.notJson ? 2U : 1U) << c.what;
+        if (c.notJson) {
+            EXPECT_NE(outcome.events[0].message.find(" is not JSON: "), std::string::npos);
+        }
     }
 }
 

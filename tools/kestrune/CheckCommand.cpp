@@ -2,15 +2,15 @@
 
 #include "CommonOptions.h"
 #include "parser/StoreCheck.h"
+#include "parser/StoreFile.h"
 #include "util/Json.h"
+#include "util/Text.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <iostream>
 #include <memory>
-#include <sstream>
 
 namespace Kestrune::Cli {
 
@@ -45,7 +45,7 @@ std::string verdictOf(const std::vector<StoreProblem>& problems) {
 void printJson(const std::string& file, const std::vector<StoreProblem>& problems,
                const std::string& verdict) {
     rapidjson::StringBuffer buffer;
-    rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(buffer);
+    PrettyJsonWriter writer(buffer);
     writer.StartObject();
     writer.Key("file");
     writer.String(file);
@@ -71,10 +71,11 @@ void printJson(const std::string& file, const std::vector<StoreProblem>& problem
 void printText(const std::string& file, const std::vector<StoreProblem>& problems,
                const std::string& verdict) {
     for (const auto& problem : problems) {
-        std::cout << file << ": " << problem.pointer << (problem.pointer.empty() ? "" : ": ")
-                  << problem.message << " (" << textOf(problem.consequence) << ")\n";
+        std::cout << escapedText(file) << ": " << escapedText(problem.pointer)
+                  << (problem.pointer.empty() ? "" : ": ") << escapedText(problem.message) << " ("
+                  << textOf(problem.consequence) << ")\n";
     }
-    std::cout << file << ": " << problems.size()
+    std::cout << escapedText(file) << ": " << problems.size()
               << (problems.size() == 1 ? " problem" : " problems") << "; the restore: " << verdict
               << '\n';
 }
@@ -96,15 +97,18 @@ void addCheckCommand(CLI::App& app, int& status) {
     options->common.addTo(*command);
     command->callback([options, &status] {
         options->common.apply();
-        std::ifstream in(options->file, std::ios::binary);
-        std::stringstream text;
-        if (!in || !(text << in.rdbuf())) {
-            std::cerr << "kestrune check: cannot read " << options->file << ": "
-                      << std::strerror(errno) << '\n';
+        std::string bytes;
+        std::string reason;
+        const StoreFile::Outcome read = StoreFile::doRead(options->file, bytes, reason);
+        if (read == StoreFile::Outcome::NotReadable) {
+            std::cerr << "kestrune check: " << escapedText(reason) << '\n';
             status = 1;
             return;
         }
-        auto problems = StoreCheck::problemsOf(text.str());
+        // What the restore makes of a file that is there but is no store: nothing.
+        auto problems = read == StoreFile::Outcome::Read
+                            ? StoreCheck::problemsOf(bytes)
+                            : std::vector<StoreProblem>{{"", reason, Consequence::NoRestore}};
         const std::string verdict = verdictOf(problems);
         options->json ? printJson(options->file, problems, verdict)
                       : printText(options->file, problems, verdict);

@@ -3,6 +3,7 @@
 #include "log/HistoryStore.h"
 #include "log/Log.h"
 #include "util/Json.h"
+#include "util/Text.h"
 
 #include <algorithm>
 #include <cmath>
@@ -37,14 +38,15 @@ void printTable(const std::vector<Event>& events) {
         groupWidth = std::max(groupWidth, event.group.size());
     }
     for (const Event& event : events) {
-        std::cout << utcText(event.time) << "  " << event.group
-                  << std::string(groupWidth - event.group.size() + 2, ' ') << event.message << '\n';
+        std::cout << utcText(event.time) << "  " << escapedText(event.group)
+                  << std::string(groupWidth - event.group.size() + 2, ' ')
+                  << escapedText(event.message) << '\n';
     }
 }
 
 void printJson(const std::vector<Event>& events) {
     rapidjson::StringBuffer buffer;
-    rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(buffer);
+    PrettyJsonWriter writer(buffer);
     writer.StartArray();
     for (const Event& event : events) {
         writer.StartObject();

@@ -196,7 +196,7 @@ std::vector<NamespaceState> kernelState() {
 
 std::string kernelStateJson(const std::vector<NamespaceState>& state) {
     rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    JsonWriter writer(buffer);
     writer.StartObject();
     for (const NamespaceState& ns : state) {
         writer.Key(ns.name.c_str());

@@ -11,7 +11,7 @@ namespace Kestrune::Cli {
 
 namespace {
 
-using Writer = rapidjson::PrettyWriter<rapidjson::StringBuffer>;
+using Writer = PrettyJsonWriter;
 
 void key(Writer& writer, std::string_view name) {
     writer.Key(name.data(), static_cast<rapidjson::SizeType>(name.size()));

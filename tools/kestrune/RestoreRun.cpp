@@ -130,7 +130,7 @@ RestoreReport runRestore(const std::function<ConfigParser::Ptr()>& parserOf,
 
 std::string RestoreReport::json(const std::string& extraName, const std::string& extraJson) const {
     rapidjson::StringBuffer buffer;
-    rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(buffer);
+    PrettyJsonWriter writer(buffer);
     writer.StartObject();
     writer.Key("ok");
     writer.Bool(ok());

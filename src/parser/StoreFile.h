@@ -1,0 +1,32 @@
+#pragma once
+
+#include "util/Json.h"
+
+#include <cstddef>
+#include <string>
+
+namespace Kestrune {
+
+// The one way from a store file to a JSON document, shared by the restore and by
+// `kestrune check` so that the two agree on every input. Only a regular file is read (a FIFO,
+// a folder or a device where the store should be is refused without blocking), its size is
+// bounded, and the parse is iterative with a bounded nesting depth: no store crashes a
+// command or makes it hang. The bytes are parsed exactly as they are: a byte-order mark is
+// not JSON.
+class StoreFile {
+  public:
+    static constexpr std::size_t maxBytes = 64 * 1024 * 1024;
+    // Far deeper than any store the agents write; a stack that deep is still no danger.
+    static constexpr unsigned maxDepth = 64;
+
+    enum class Outcome { Read, NotReadable, NotRegular, TooLarge };
+
+    // Reads the whole file into bytes; why not, in reason, when the outcome is not Read.
+    static Outcome doRead(const std::string& path, std::string& bytes, std::string& reason);
+    // Parses bytes into document; false, with the error and its byte offset in reason, when
+    // they are not JSON (the document is then null).
+    static bool doParse(const std::string& bytes, rapidjson::Document& document,
+                        std::string& reason);
+};
+
+} // namespace Kestrune
