@@ -10,6 +10,8 @@
 #include "util/Trace.h"
 #include "util/Utils.h"
 
+#include <algorithm>
+#include <sys/resource.h>
 #include <sys/socket.h>
 
 namespace Kestrune {
@@ -56,6 +58,7 @@ bool Driver::doInit() {
              << "doInit";
     vrfCreateIs();
     vrfCreate_->doInit(config_);
+    doRaiseDescriptorLimit(vrfCreate_->netNsName().size() + 1);
     for (const auto& [name, flag] : vrfCreate_->netNsName()) {
         const NamespaceName ns = name;
         sockFdIs(ns, openSocketInNs(AF_INET, SOCK_DGRAM, 0, ns));
@@ -64,6 +67,29 @@ bool Driver::doInit() {
     sockFdIs(DEFAULT_NS, openSocketInNs(AF_INET, SOCK_DGRAM, 0, DEFAULT_NS));
     netlinkFdIs(DEFAULT_NS, openSocketInNs(AF_NETLINK, SOCK_DGRAM, 0, DEFAULT_NS));
     return true;
+}
+
+void Driver::doRaiseDescriptorLimit(std::size_t namespaces) {
+    // Two sockets a namespace stay open for the whole restore; the chip's devices, the
+    // history, the commands' pipes and the namespace files opened on the way need the rest.
+    constexpr rlim_t margin = 128;
+    const rlim_t needed = 2 * static_cast<rlim_t>(namespaces) + margin;
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    if (limit.rlim_cur >= needed) {
+        return;
+    }
+    rlimit raised{needed, std::max(limit.rlim_max, needed)};
+    if (setrlimit(RLIMIT_NOFILE, &raised) == 0) {
+        TRACE(3) << "doInit descriptor limit raised from " << limit.rlim_cur << " to " << needed;
+        return;
+    }
+    const std::string text = "doInit needs " + std::to_string(needed) + " descriptors for " +
+                             std::to_string(namespaces) + " namespaces; the limit is " +
+                             std::to_string(limit.rlim_cur) + " and cannot be raised";
+    TRACE(0) << text;
+    eventIs(text);
+    KESTRUNE_ASSERT_TEXT(false, "enough descriptors for every namespace's sockets");
 }
 
 void Driver::doCreateKernelInterfaces() {

@@ -82,6 +82,9 @@ class Driver {
   private:
     // The end of a creation: traced, recorded when it failed, and noted in `created`.
     void createdWith(const Interface& intf, bool made);
+    // Raises the process's descriptor limit to what the sockets of this many namespaces need;
+    // ends the process with a recorded message saying how many when it cannot.
+    void doRaiseDescriptorLimit(std::size_t namespaces);
     // Interfaces that get a namespace and layer-3 settings: created, and not L2 or Lag.
     bool isPlacedLayer3(const Interface& intf) const;
 

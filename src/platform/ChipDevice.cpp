@@ -11,13 +11,20 @@ namespace {
 
 class SystemChipDevice : public ChipDevice {
   public:
-    int open(const char* path, int flags) override { return ::open(path, flags | O_CLOEXEC); }
+    // A link planted where a chip node belongs is refused: root would open whatever it names.
+    int open(const char* path, int flags) override {
+        return ::open(path, flags | O_NOFOLLOW | O_CLOEXEC);
+    }
     int ioctl(int fd, unsigned long request, void* argument) override {
         return ::ioctl(fd, request, argument);
     }
     int close(int fd) override { return ::close(fd); }
+    // The node gets the mode asked for, whatever the umask of the process.
     int mknod(const char* path, mode_t mode, dev_t device) override {
-        return ::mknod(path, mode, device);
+        const mode_t mask = umask(0);
+        const int made = ::mknod(path, mode, device);
+        umask(mask);
+        return made;
     }
 };
 

@@ -17,8 +17,10 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <string_view>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <unistd.h>
 
 namespace Kestrune {
 const StrataConfig& StrataDriver::strataConfig() const {
@@ -68,15 +70,22 @@ void StrataDriver::configureBdeModuleParam() {
     if (simulatedSwitch()) {
         return;
     }
-    std::FILE* file = std::fopen(bdeOptionsFile, "w");
-    if (file == nullptr) {
+    // modprobe runs what this file says as root: it is never written through a link, and it is
+    // never left writable by others, whatever the umask.
+    const int fd = ::open(bdeOptionsFile, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC,
+                          bdeOptionsMode);
+    if (fd < 0 || fchmod(fd, bdeOptionsMode) != 0) {
         TRACE(0) << "configureBdeModuleParam"
                  << " open failed. errno: " << errno;
         eventIs(std::string("configureBdeModuleParam") + " open failed");
+        if (fd >= 0) {
+            ::close(fd);
+        }
         return;
     }
-    std::fputs("options kovana-bde fixed_modid=1\n", file);
-    std::fclose(file);
+    constexpr std::string_view options = "options kovana-bde fixed_modid=1\n";
+    static_cast<void>(::write(fd, options.data(), options.size()));
+    ::close(fd);
 }
 
 void StrataDriver::setupFabricDevice() {

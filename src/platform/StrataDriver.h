@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <sys/types.h>
 
 namespace Kestrune {
 
@@ -19,6 +20,7 @@ class StrataDriver : public Driver {
     using PtrConst = std::shared_ptr<const StrataDriver>;
 
     static constexpr const char* bdeOptionsFile = "/etc/modprobe.d/kovana-bde.conf";
+    static constexpr mode_t bdeOptionsMode = 0644;
 
     explicit StrataDriver(Config::PtrConst config) : Driver(std::move(config)) {}
 

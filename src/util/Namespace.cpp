@@ -1,5 +1,6 @@
 #include "util/Namespace.h"
 
+#include "log/Log.h"
 #include "util/Assert.h"
 #include "util/Netlink.h"
 #include "util/Trace.h"
@@ -56,7 +57,8 @@ int openNamespace(const char* operation, std::string_view name) {
         TRACE(0) << operation << " " << name << " is not a namespace name";
         return -1;
     }
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // A link planted there could lead the restore into any namespace, the host's included.
+    const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) {
         TRACE(0) << operation << " cannot open namespace " << path << ": " << std::strerror(errno);
     }
@@ -64,8 +66,22 @@ int openNamespace(const char* operation, std::string_view name) {
 }
 
 bool isNamespaceMount(const std::string& path) {
+    struct stat link {};
     struct statfs filesystem {};
-    return statfs(path.c_str(), &filesystem) == 0 && filesystem.f_type == NSFS_MAGIC;
+    return lstat(path.c_str(), &link) == 0 && !S_ISLNK(link.st_mode) &&
+           statfs(path.c_str(), &filesystem) == 0 && filesystem.f_type == NSFS_MAGIC;
+}
+
+// A link where the restore makes its files is refused, traced and recorded: it was planted.
+bool isPlantedLink(const char* operation, const std::string& path) {
+    struct stat link {};
+    if (lstat(path.c_str(), &link) != 0 || !S_ISLNK(link.st_mode)) {
+        return false;
+    }
+    const std::string text = std::string(operation) + " " + path + " is a link; not followed";
+    TRACE(0) << text;
+    Log::logEvent("Namespace", text);
+    return true;
 }
 
 bool sameFile(int fd, const char* path) {
@@ -79,8 +95,14 @@ bool sameFile(int fd, const char* path) {
 // later shows in every mount namespace that shares the folder.
 bool namespaceDirReady(const char* operation) {
     const std::string dir(namespaceDir);
-    if (mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) {
+    const mode_t mask = umask(0);
+    const int made = mkdir(dir.c_str(), 0755);
+    umask(mask);
+    if (made != 0 && errno != EEXIST) {
         TRACE(0) << operation << " cannot make " << dir << ": " << std::strerror(errno);
+        return false;
+    }
+    if (isPlantedLink(operation, dir)) {
         return false;
     }
     if (mount("", dir.c_str(), "none", MS_SHARED | MS_REC, nullptr) == 0) {
@@ -96,20 +118,25 @@ bool namespaceDirReady(const char* operation) {
     return false;
 }
 
-// Binds the thread's namespace onto the file at path, creating the file.
+// Binds the thread's namespace onto the file at path, creating the file (mode 0). The mount
+// goes onto the file that was opened, never through a link put there meanwhile.
 bool bindThreadNamespace(const char* operation, const std::string& path) {
-    const int file = open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0);
+    if (isPlantedLink(operation, path)) {
+        return false;
+    }
+    const int file = open(path.c_str(), O_RDONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0);
     if (file < 0) {
         TRACE(0) << operation << " cannot create " << path << ": " << std::strerror(errno);
         return false;
     }
-    ::close(file);
-    if (mount(threadNamespace, path.c_str(), "none", MS_BIND, nullptr) != 0) {
+    const std::string opened = "/proc/self/fd/" + std::to_string(file);
+    const bool mounted = mount(threadNamespace, opened.c_str(), "none", MS_BIND, nullptr) == 0;
+    if (!mounted) {
         TRACE(0) << operation << " cannot mount " << path << ": " << std::strerror(errno);
         unlink(path.c_str());
-        return false;
     }
-    return true;
+    ::close(file);
+    return mounted;
 }
 
 } // namespace
@@ -193,6 +220,9 @@ int addNsEvenIfPresent(std::string_view name) {
     }
     if (Kestrune::isNamespaceMount(path)) {
         return 0;
+    }
+    if (Kestrune::isPlantedLink("addNsEvenIfPresent", path)) {
+        return -1;
     }
     const Descriptor original(open(Kestrune::threadNamespace, O_RDONLY | O_CLOEXEC));
     if (original.get() < 0 || unshare(CLONE_NEWNET) != 0) {
