@@ -51,6 +51,15 @@ class Driver {
     void createdDelAll() { created_.clear(); }
     void createdNotify(const std::string&) {}
 
+    // Finishing a restore that was interrupted: a kernel device that exists already, where
+    // the restore would make it or where it would move it, is taken over instead of made;
+    // addresses already there are kept; the filter rules replace the tables they name
+    // instead of adding to them. Off by default: a plain restore does exactly its sequence.
+    bool resume() const { return resume_; }
+    void resumeIs(bool resume) { resume_ = resume; }
+    // Interfaces whose device was found in place, with the namespace it was found in.
+    const std::map<std::string, std::string>& found() const { return found_; }
+
     const ZelVrfCreate::Ptr& vrfCreate() const { return vrfCreate_; }
     void vrfCreateIs() { vrfCreate_ = zelVrfCreateFactory(); }
     void vrfCreateDel() { vrfCreate_.reset(); }
@@ -85,6 +94,11 @@ class Driver {
     // Raises the process's descriptor limit to what the sockets of this many namespaces need;
     // ends the process with a recorded message saying how many when it cannot.
     void doRaiseDescriptorLimit(std::size_t namespaces);
+    // Resuming: true when the interface's device is there already, in its namespace or the
+    // default one, and is now taken as created.
+    bool takenOver(const Interface& intf);
+    // Resuming: true when the device is in the namespace it would be moved to.
+    bool inPlace(const Interface& intf);
     // Interfaces that get a namespace and layer-3 settings: created, and not L2 or Lag.
     bool isPlacedLayer3(const Interface& intf) const;
 
@@ -93,6 +107,8 @@ class Driver {
     FdMap netlinkFd_;
     CreatedMap created_;
     ZelVrfCreate::Ptr vrfCreate_;
+    bool resume_ = false;
+    std::map<std::string, std::string> found_;
 };
 
 Driver::Ptr driverFactory(const Config::PtrConst& config);

@@ -5,6 +5,7 @@
 #include "util/Command.h"
 #include "util/KernelName.h"
 #include "util/Namespace.h"
+#include "util/Netlink.h"
 #include "util/Stop.h"
 #include "util/Trace.h"
 #include "util/Utils.h"
@@ -32,7 +33,7 @@ void Driver::moveIntfsToCorrectNs() {
                          std::string(stringValue(intf->interfaceType())).c_str());
             KESTRUNE_ASSERT_TEXT(false, "!\"itr->netNsName() != \\\"\\\"\"");
         }
-        if (intf->netNsName() == DEFAULT_NS) {
+        if (intf->netNsName() == DEFAULT_NS || (resume_ && inPlace(*intf))) {
             continue;
         }
         TRACE(3) << "moveIntfsToCorrectNs"
@@ -44,6 +45,7 @@ void Driver::moveIntfsToCorrectNs() {
 
 void Driver::configureIntfsInNs() {
     TRACE(3) << "configureIntfsInNs";
+    Netlink::addressReplaceIs(resume_);
     for (const auto& [name, intfPtr] : config_->interface()) {
         const Interface* intf = intfPtr.get();
         if (!isPlacedLayer3(*intf)) {
@@ -116,9 +118,13 @@ void Driver::configureIptablesRules() {
     };
     static const std::string none;
     const IptablesConfig* iptables = config_->iptablesConfig().get();
+    // Resuming, the rules may be in force already: the saved tables replace what they hold
+    // instead of getting a second copy of every rule.
     const std::array<RestoreCommand, 2> restoreCmds{{
-        {"iptables-restore -n", iptables != nullptr ? iptables->iptables() : none},
-        {"ip6tables-restore -n", iptables != nullptr ? iptables->ip6tables() : none},
+        {resume_ ? "iptables-restore" : "iptables-restore -n",
+         iptables != nullptr ? iptables->iptables() : none},
+        {resume_ ? "ip6tables-restore" : "ip6tables-restore -n",
+         iptables != nullptr ? iptables->ip6tables() : none},
     }};
     for (const RestoreCommand& restore : restoreCmds) {
         stopPoint();

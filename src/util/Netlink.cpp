@@ -110,10 +110,19 @@ int indexOfAnswer(const nlmsghdr* message, void* data) {
 
 } // namespace
 
+namespace {
+bool replaceAddresses = false;
+}
+
+void addressReplaceIs(bool replace) {
+    replaceAddresses = replace;
+}
+
 int addressAdd(int fd, std::uint8_t family, int ifIndex, const void* address,
                std::size_t addressSize, const void* peer, int prefixLength, std::uint8_t flags) {
     alignas(nlmsghdr) std::array<char, bufferSize> buffer{};
-    nlmsghdr* header = requestHeader(buffer.data(), RTM_NEWADDR, NLM_F_CREATE | NLM_F_EXCL);
+    nlmsghdr* header = requestHeader(
+        buffer.data(), RTM_NEWADDR, NLM_F_CREATE | (replaceAddresses ? NLM_F_REPLACE : NLM_F_EXCL));
     addressHeader(header, family, ifIndex, prefixLength, flags);
     mnl_attr_put(header, IFA_LOCAL, addressSize, address);
     mnl_attr_put(header, IFA_ADDRESS, addressSize, peer != nullptr ? peer : address);

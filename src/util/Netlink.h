@@ -29,6 +29,9 @@ int linkNamespaceIs(int netlinkFd, std::string_view deviceName, int namespaceFd)
 // Creates the VLAN device `name` with id `vlanId` on the device with index parentIndex.
 int vlanLinkAdd(int netlinkFd, std::string_view name, int parentIndex, std::uint16_t vlanId);
 // Adds an address of the family (AF_INET, AF_INET6) to an interface, with scope 0.
+// Whether adding an address that is there already succeeds (it is replaced) rather than
+// failing with EEXIST: for finishing a restore that was interrupted.
+void addressReplaceIs(bool replace);
 int addressAdd(int netlinkFd, std::uint8_t family, int ifIndex, const void* address,
                std::size_t addressSize, const void* peer, int prefixLength, std::uint8_t flags);
 int operStateIs(int netlinkFd, std::string_view deviceName, std::uint32_t sequence,

@@ -28,6 +28,8 @@ bool schanWriteReg64(int bus, int block, int index, unsigned reg, unsigned high,
 bool setMacAddress(const char* deviceName, const char* mac, int socketFd);
 bool setDevUp(const char* deviceName, int socketFd);
 bool setMtu(const char* deviceName, unsigned mtu, int socketFd);
+// Whether a device of that name is in the socket's namespace.
+bool deviceExists(const char* deviceName, int socketFd);
 
 bool ipAddrAdd(int netlinkFd, const std::string& deviceName, const std::string& address,
                bool secondary);

@@ -18,6 +18,7 @@ namespace {
 struct RestoreOptions {
     std::string pstoreDir;
     std::string report;
+    bool resume = false;
     CommonOptions common;
     RestoreGuardOptions guard;
 };
@@ -33,6 +34,10 @@ void addRestoreCommand(CLI::App& app, int& status) {
                         "Folder of zel-persistent-store.json (default: $ZEL_PSTORE_PATH, else "
                         "/mnt/flash)");
     command->add_option("--report", options->report, "Write what the restore did as JSON");
+    command->add_flag("--resume", options->resume,
+                      "Finish a restore that was interrupted: devices already there are taken over "
+                      "and configured, addresses already there kept, and the filter rules replace "
+                      "the tables they name instead of adding to them");
     options->common.addTo(*command);
     options->guard.addTo(*command);
     command->callback([options, &status] {
@@ -48,7 +53,7 @@ void addRestoreCommand(CLI::App& app, int& status) {
             setenv("ZEL_PSTORE_PATH", options->pstoreDir.c_str(), 1);
         }
         const RestoreReport report =
-            runRestore([] { return configParserCreatorFactory()->create(); });
+            runRestore([] { return configParserCreatorFactory()->create(); }, {}, options->resume);
         const bool reported =
             options->report.empty() || reportWritten(options->report, report.json());
         if (!report.started) {

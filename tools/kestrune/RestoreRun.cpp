@@ -30,7 +30,7 @@ using Timed = std::function<void(const char* phase, const std::function<void()>&
 void runPhases(RestoreReport& report, const Timed& timed,
                const std::function<ConfigParser::Ptr()>& parserOf,
                const std::function<void(const Config&)>& parsed, Config::Ptr& config,
-               Driver::Ptr& driver) {
+               Driver::Ptr& driver, bool resume) {
     timed("parse", [&] {
         if (const ConfigParser::Ptr parser = parserOf()) {
             config = parser->parse();
@@ -48,6 +48,9 @@ void runPhases(RestoreReport& report, const Timed& timed,
         }
         timed("init", [&] {
             driver = DriverCreator(config).create();
+            if (driver) {
+                driver->resumeIs(resume);
+            }
             report.initialized = driver && driver->doInit();
         });
     }
@@ -94,8 +97,9 @@ bool reportWritten(const std::string& path, const std::string& json) {
 }
 
 RestoreReport runRestore(const std::function<ConfigParser::Ptr()>& parserOf,
-                         const std::function<void(const Config&)>& parsed) {
+                         const std::function<void(const Config&)>& parsed, bool resume) {
     RestoreReport report;
+    report.resumed = resume;
     // Each phase ends with its events in the history, so a restore that dies in the next
     // one leaves at least these behind in the database (and the rest in its journal).
     const auto timed = [&report](const char* phase, const std::function<void()>& work) {
@@ -109,7 +113,7 @@ RestoreReport runRestore(const std::function<ConfigParser::Ptr()>& parserOf,
     Config::Ptr config;
     Driver::Ptr driver;
     try {
-        runPhases(report, timed, parserOf, parsed, config, driver);
+        runPhases(report, timed, parserOf, parsed, config, driver, resume);
     } catch (const StopRequested& stop) {
         report.stoppedBy = stop.signal();
         ProcessGuard::doRecordStop(stop.signal());
@@ -117,9 +121,15 @@ RestoreReport runRestore(const std::function<ConfigParser::Ptr()>& parserOf,
     report.phasesMs.emplace_back("total", msSince(start));
     if (config) {
         for (const auto& [name, intf] : config->interface()) {
-            report.interfaces.push_back({name, kernelIntfName(name),
-                                         std::string(stringValue(intf->interfaceType())),
-                                         intf->netNsName(), driver && driver->created(name)});
+            std::string foundIn;
+            if (driver) {
+                if (const auto found = driver->found().find(name); found != driver->found().end()) {
+                    foundIn = found->second;
+                }
+            }
+            report.interfaces.push_back(
+                {name, kernelIntfName(name), std::string(stringValue(intf->interfaceType())),
+                 intf->netNsName(), driver && driver->created(name), foundIn});
         }
     }
     Log::observerIs({});
@@ -136,6 +146,8 @@ std::string RestoreReport::json(const std::string& extraName, const std::string&
     writer.Bool(ok());
     writer.Key("platformType");
     writer.String(platformType.c_str());
+    writer.Key("resumed");
+    writer.Bool(resumed);
     writer.Key("phasesMs");
     writer.StartObject();
     for (const auto& [name, ms] : phasesMs) {
@@ -157,6 +169,10 @@ std::string RestoreReport::json(const std::string& extraName, const std::string&
         writer.String(intf.ns.c_str());
         writer.Key("created");
         writer.Bool(intf.created);
+        if (resumed) {
+            writer.Key("foundIn");
+            intf.found.empty() ? writer.Null() : writer.String(intf.found);
+        }
         writer.EndObject();
     }
     writer.EndArray();

@@ -19,7 +19,9 @@ struct RestoreReport {
         std::string type;
         std::string ns;
         bool created = false;
+        std::string found; // resuming: the namespace its device was found in, "" for none
     };
+    bool resumed = false;
     bool started = false; // a parser and a driver were found
     bool initialized = false;
     std::string platformType;
@@ -55,7 +57,9 @@ bool reportWritten(const std::string& path, const std::string& json);
 // The caller's sequence: parse, choose the driver, bring the chip up, then create, move,
 // configure and restore the filter rules, each phase timed. `parsed` sees the configuration
 // before the driver is chosen (the simulator picks its chip family there).
+// `resume` finishes an interrupted restore (Driver::resumeIs).
 RestoreReport runRestore(const std::function<ConfigParser::Ptr()>& parserOf,
-                         const std::function<void(const Config&)>& parsed = {});
+                         const std::function<void(const Config&)>& parsed = {},
+                         bool resume = false);
 
 } // namespace Kestrune::Cli
