@@ -108,6 +108,7 @@ extern "C" void onStopSignal(int signal) {
     }
     std::fprintf(stderr, "Kestrune: %s\n", text.c_str());
     std::fflush(stderr);
+    doEndRunningCommand();
     try {
         TRACE(0) << text;
         Log::logEvent(group, text);

@@ -1,6 +1,7 @@
 #include "util/Assert.h"
 
 #include "log/Log.h"
+#include "util/Stop.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -37,6 +38,8 @@ void assertionFailed(const char* condition, const char* file, int line) {
                              "type; `kestrune check` on the store shows where\n");
     }
     std::fflush(stderr);
+    // A command the restore started must not outlive it.
+    doEndRunningCommand();
     try {
         Log::logEvent("Assertion", "assertion failed: " + std::string(condition) + " (" + file +
                                        ":" + std::to_string(line) + ")");

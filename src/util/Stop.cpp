@@ -17,6 +17,10 @@ StopRequested::StopRequested(int signal)
 
 void stopRequestedBy(int signal) {
     requestedBy = signal;
+    doEndRunningCommand();
+}
+
+void doEndRunningCommand() {
     if (const int group = runningGroup; group > 0) {
         kill(-group, SIGKILL);
     }

@@ -29,5 +29,7 @@ std::string signalName(int signal);
 // The process group of the command the restore is waiting for (0 for none), so that a stop
 // ends it and whatever it started.
 void runningCommandIs(int processGroup);
+// Async-signal-safe: kills the running command's process group, for a process about to end.
+void doEndRunningCommand();
 
 } // namespace Kestrune
