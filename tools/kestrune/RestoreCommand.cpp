@@ -1,7 +1,7 @@
 #include "RestoreCommand.h"
 
 #include "CommonOptions.h"
-#include "RestoreLock.h"
+#include "util/RestoreLock.h"
 #include "RestoreRun.h"
 #include "parser/ConfigParserCreator.h"
 #include "util/Stop.h"

@@ -1,4 +1,4 @@
-#include "RestoreLock.h"
+#include "util/RestoreLock.h"
 
 #include <cerrno>
 #include <cstring>
@@ -8,7 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace Kestrune::Cli {
+namespace Kestrune {
 
 RestoreLock::RestoreLock(std::string path) : path_(std::move(path)) {}
 
@@ -47,4 +47,4 @@ bool RestoreLock::doTake() {
     return true;
 }
 
-} // namespace Kestrune::Cli
+} // namespace Kestrune

@@ -2,7 +2,7 @@
 
 #include <string>
 
-namespace Kestrune::Cli {
+namespace Kestrune {
 
 // One restore at a time on a machine: two at once would each make half the devices. The
 // lock is a file under /run holding the pid of the restore that has it; the kernel drops the
@@ -27,4 +27,4 @@ class RestoreLock {
     std::string error_;
 };
 
-} // namespace Kestrune::Cli
+} // namespace Kestrune

@@ -1,0 +1,150 @@
+// Stores a hostile world could leave where the restore reads: each ends in a clear error, a
+// recorded failure the restore survives, or the assertion the restore is meant to end on,
+// with its events stored; and `kestrune check` says beforehand which of these it will be.
+#include "CliRun.h"
+#include "PrivateNetwork.h"
+#include "Scenario.h"
+#include "log/HistoryStore.h"
+#include "util/Json.h"
+
+#include <algorithm>
+#include <csignal>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+namespace Kestrune::Testing {
+namespace {
+
+struct Hostile {
+    const char* name;
+    std::function<std::string(const std::string& store, const TempDir& dir)> file; // its path
+    int endSignal;       // SIGABRT for a restore that ends on an assertion, else 0
+    int exitCode;        // of a restore that exits
+    const char* verdict; // what check says the restore comes to
+};
+
+std::string replaced(std::string text, const std::string& from, const std::string& to) {
+    for (std::size_t at = from.empty() ? std::string::npos : text.find(from);
+         at != std::string::npos; at = text.find(from, at + to.size())) {
+        text.replace(at, from.size(), to);
+    }
+    return text;
+}
+
+// A store file made from the clean one.
+std::function<std::string(const std::string&, const TempDir&)> edited(const std::string& from,
+                                                                      const std::string& to) {
+    return [from, to](const std::string& store, const TempDir& dir) {
+        dir.write("edited.json", replaced(store, from, to));
+        return dir.file("edited.json");
+    };
+}
+
+std::function<std::string(const std::string&, const TempDir&)> written(const std::string& text) {
+    return [text](const std::string&, const TempDir& dir) {
+        dir.write("written.json", text);
+        return dir.file("written.json");
+    };
+}
+
+const Hostile hostiles[] = {
+    {"the clean store", edited("", ""), 0, 0, "complete"},
+    {"nested a million deep", written(std::string(1000000, '[')), SIGABRT, -1, "ends the process"},
+    {"a FIFO",
+     [](const std::string&, const TempDir& dir) {
+         mkfifo(dir.file("fifo.json").c_str(), 0600);
+         return dir.file("fifo.json");
+     },
+     0, 2, "no restore"},
+    {"a folder",
+     [](const std::string&, const TempDir& dir) {
+         std::filesystem::create_directory(dir.file("folder.json"));
+         return dir.file("folder.json");
+     },
+     0, 2, "no restore"},
+    {"/dev/zero", [](const std::string&, const TempDir&) { return std::string("/dev/zero"); }, 0, 2,
+     "no restore"},
+    {"a byte-order mark",
+     [](const std::string& store, const TempDir& dir) {
+         dir.write("bom.json", "\xEF\xBB\xBF" + store);
+         return dir.file("bom.json");
+     },
+     SIGABRT, -1, "ends the process"},
+    {"a prefix length that is not a number", edited("10.1.1.1/24", "10.1.1.1/abc"), 0, 1,
+     "incomplete"},
+    {"a prefix length out of range", edited("10.1.1.1/24", "10.1.1.1/99999999999"), 0, 1,
+     "incomplete"},
+    {"a 148-byte VRF name",
+     edited("\"vrf\": \"red\"", "\"vrf\": \"" + std::string(148, 'v') + "\""), SIGABRT, -1,
+     "ends the process"},
+    {"a 147-byte VRF name",
+     edited("\"vrf\": \"red\"", "\"vrf\": \"" + std::string(147, 'v') + "\""), 0, 0, "complete"},
+    {"a VRF name with a slash", edited("\"vrf\": \"red\"", "\"vrf\": \"a/b\""), SIGABRT, -1,
+     "ends the process"},
+    {"an interface name with a newline", edited("\"Ethernet1/5\"", "\"Ethernet1/\\n5\""), 0, 1,
+     "incomplete"},
+    {"an interface name that is not UTF-8", edited("\"Ethernet1/5\"", "\"Ethernet1/\xff\x35\""), 0,
+     0, "complete"},
+};
+
+class HostileStores : public PrivateNetwork {
+  protected:
+    void SetUp() override {
+        PrivateNetwork::SetUp();
+        run({"python3", KESTRUNE_SOURCE_DIR "/bench/generate-store.py", "--ports", "8", "--lags",
+             "1", "--members", "2", "--subintfs", "0", "--svis", "0", "--vrfs", "2", "--rules", "5",
+             "-o", dir_.file("clean.json")});
+        store_ = contentOf(dir_.file("clean.json"));
+    }
+    const TempDir dir_;
+    std::string store_;
+};
+
+TEST_F(HostileStores, EachEndsAsCheckSaysWithItsEventsStored) {
+    for (const Hostile& hostile : hostiles) {
+        SCOPED_TRACE(hostile.name);
+        const TempDir dir;
+        const std::string file = hostile.file(store_, dir);
+        const std::string history = dir.file("h.db");
+        const std::string report = dir.file("report.json");
+        CliRun run;
+        run.args = {"simulate", file, "--history", history, "--report", report};
+        run.traceFile = dir.file("trace.txt");
+        const CliResult restore = runCli(run);
+        EXPECT_EQ(restore.signal, hostile.endSignal);
+        if (hostile.endSignal == 0) {
+            EXPECT_EQ(restore.exitCode, hostile.exitCode);
+        }
+        const std::vector<Event> events = std::filesystem::exists(history)
+                                              ? HistoryStore::historyOf(history)
+                                              : std::vector<Event>{};
+        EXPECT_EQ(events.size(), restore.recorded.size());
+        if (hostile.endSignal == SIGABRT) {
+            ASSERT_FALSE(events.empty());
+            EXPECT_TRUE(events.back().group == "Assertion" || events.back().group == "ProcessGuard")
+                << events.back().group << ": " << events.back().message;
+        } else {
+            rapidjson::Document parsed;
+            parsed.Parse(contentOf(report).c_str());
+            EXPECT_FALSE(parsed.HasParseError()) << "the report is not JSON";
+        }
+
+        int status = 0;
+        const std::string check = outputOf({KESTRUNE_CLI, "check", file, "--json"}, &status);
+        rapidjson::Document verdict;
+        verdict.Parse(check.c_str());
+        ASSERT_TRUE(verdict.IsObject()) << check;
+        EXPECT_STREQ(verdict["restore"].GetString(), hostile.verdict);
+
+        // One line per event, whatever the names hold.
+        if (!events.empty()) {
+            const std::string text = outputOf({KESTRUNE_CLI, "events", "--history", history});
+            EXPECT_EQ(static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')),
+                      events.size())
+                << text;
+        }
+    }
+}
+
+} // namespace
+} // namespace Kestrune::Testing
