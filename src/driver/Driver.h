@@ -97,7 +97,8 @@ class Driver {
     // Resuming: true when the interface's device is there already, in its namespace or the
     // default one, and is now taken as created.
     bool takenOver(const Interface& intf);
-    // Resuming: true when the device is in the namespace it would be moved to.
+    // Resuming: true when the device of an SVI or subinterface is in the namespace it would
+    // be moved to.
     bool inPlace(const Interface& intf);
     // Interfaces that get a namespace and layer-3 settings: created, and not L2 or Lag.
     bool isPlacedLayer3(const Interface& intf) const;

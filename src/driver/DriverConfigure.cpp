@@ -33,7 +33,11 @@ void Driver::moveIntfsToCorrectNs() {
                          std::string(stringValue(intf->interfaceType())).c_str());
             KESTRUNE_ASSERT_TEXT(false, "!\"itr->netNsName() != \\\"\\\"\"");
         }
-        if (intf->netNsName() == DEFAULT_NS || (resume_ && inPlace(*intf))) {
+        // A routed port is made anew in its namespace even when it is there: making it takes
+        // its queue back, which its carrier needs.
+        const bool moved = intf->interfaceType() == InterfaceType::SVI_ ||
+                           intf->interfaceType() == InterfaceType::SubIntf_;
+        if (intf->netNsName() == DEFAULT_NS || (resume_ && moved && inPlace(*intf))) {
             continue;
         }
         TRACE(3) << "moveIntfsToCorrectNs"

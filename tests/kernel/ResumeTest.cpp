@@ -1,0 +1,141 @@
+// An interrupted restore, finished by a resumed one, leaves the kernel as an uninterrupted
+// restore does; and a second restore never runs beside the first.
+#include "ChipSimulator.h"
+#include "CliRun.h"
+#include "KernelState.h"
+#include "PrivateNetwork.h"
+#include "Scenario.h"
+#include "driver/DriverCreator.h"
+#include "parser/ConfigParserCreator.h"
+#include "platform/ChipDevice.h"
+#include "util/Namespace.h"
+#include "util/RestoreLock.h"
+
+#include <csignal>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+
+namespace Kestrune::Testing {
+namespace {
+
+constexpr int allPhases = 4; // create, move, configure, filter rules
+
+// Runs the restore's phases after parse and init, up to `phases` of them. The driver holds
+// the queues of the devices it made; they lose their carrier when it goes.
+Driver::Ptr restore(const std::string& store, int phases, bool resume) {
+    const Config::Ptr config = configParserCreatorFactory()->createFrom(store)->parse();
+    const Driver::Ptr driver = DriverCreator(config).create();
+    driver->resumeIs(resume);
+    EXPECT_TRUE(driver->doInit());
+    const std::function<void()> steps[allPhases] = {
+        [&] { driver->createIntfsInDefaultNs(); },
+        [&] { driver->moveIntfsToCorrectNs(); },
+        [&] { driver->configureIntfsInNs(); },
+        [&] { driver->configureIptablesRules(); },
+    };
+    for (int phase = 0; phase < phases; ++phase) {
+        steps[phase]();
+    }
+    return driver;
+}
+
+// In a machine of its own (network namespace, /run), on a simulated switch: a restore stopped
+// after `stoppedAfter` phases (none: no first run), then a resumed one when asked; what the
+// kernel holds afterwards, devices and filter rules, in `stateFile`.
+void restoreInFreshMachine(const std::string& store, int stoppedAfter, bool resumeAfter,
+                           const std::string& stateFile, const TempDir& dir) {
+    runProcess(dir, [&] {
+        if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0 ||
+            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("kestrune-test", "/run", "tmpfs", 0, "mode=0755") != 0) {
+            std::_Exit(3);
+        }
+        Sim::ChipSimulator::environmentIs(KESTRUNE_CHIP_TOOLS, dir.file("chip.log"),
+                                          dir.file("registers"));
+        mountDefaultNs();
+        chipDeviceIs(std::make_shared<Sim::ChipSimulator>(dir.file("chip.log"),
+                                                          Sim::ChipSimulator::Family::strata));
+        // The interrupted restore's process is gone, and its queues with it.
+        Driver::Ptr driver = restore(store, stoppedAfter, false);
+        if (resumeAfter) {
+            driver = restore(store, allPhases, true);
+        }
+        std::ofstream(stateFile) << Cli::kernelStateJson(Cli::kernelState()) << "\n"
+                                 << outputOf({"iptables-save"}) << outputOf({"ip6tables-save"});
+    });
+}
+
+// The state without what differs between any two runs: the save tools' dates and the
+// chains' packet counters.
+std::string withoutTimes(const std::string& state) {
+    std::string kept;
+    std::istringstream lines(state);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.rfind('#', 0) == 0) {
+            continue;
+        }
+        if (line.rfind(':', 0) == 0) {
+            line = line.substr(0, line.find(" ["));
+        }
+        kept += line + "\n";
+    }
+    return kept;
+}
+
+class Resume : public PrivateNetwork {
+  protected:
+    void SetUp() override {
+        PrivateNetwork::SetUp();
+        run({"python3", KESTRUNE_SOURCE_DIR "/bench/generate-store.py", "--ports", "16", "--lags",
+             "2", "--members", "2", "--subintfs", "0", "--svis", "0", "--vrfs", "3", "--rules",
+             "20", "-o", dir_.file("store.json")});
+    }
+    const TempDir dir_;
+};
+
+TEST_F(Resume, AResumedRestoreEndsWhereAnUninterruptedOneDoes) {
+    const std::string store = dir_.file("store.json");
+    restoreInFreshMachine(store, allPhases, false, dir_.file("whole"), dir_);
+    const std::string whole = withoutTimes(contentOf(dir_.file("whole")));
+    ASSERT_NE(whole.find("ns-"), std::string::npos) << whole;
+    const char* stops[] = {"before creation", "after creation", "after the moves",
+                           "after configuration", "after the filter rules"};
+    for (int phases = 0; phases <= allPhases; ++phases) {
+        SCOPED_TRACE(stops[phases]);
+        const TempDir machine;
+        restoreInFreshMachine(store, phases, true, machine.file("state"), machine);
+        EXPECT_EQ(withoutTimes(contentOf(machine.file("state"))), whole);
+    }
+}
+
+TEST_F(Resume, ASecondRestoreRefusesWhileOneRuns) {
+    const pid_t holder = fork();
+    if (holder == 0) {
+        RestoreLock lock;
+        if (!lock.doTake()) {
+            std::_Exit(1);
+        }
+        pause();
+        std::_Exit(0);
+    }
+    // The holder has the lock once its pid is in the file.
+    for (int tries = 0; tries < 500 && contentOf(RestoreLock::defaultPath).empty(); ++tries) {
+        usleep(2000);
+    }
+    CliRun second;
+    second.args = {"restore", "--pstore-dir", dir_.path().string(), "--history", ""};
+    second.traceFile = dir_.file("trace.txt");
+    const CliResult result = runCli(second);
+    kill(holder, SIGKILL);
+    waitpid(holder, nullptr, 0);
+    EXPECT_EQ(result.exitCode, 2);
+    EXPECT_TRUE(result.traces.empty()) << "the second restore started: " << result.traces[0];
+    RestoreLock after;
+    EXPECT_TRUE(after.doTake()) << "the lock outlived its holder: " << after.error();
+}
+
+} // namespace
+} // namespace Kestrune::Testing
