@@ -1,6 +1,7 @@
 #include "parser/SkippedEntries.h"
 
 #include "log/Log.h"
+#include "parser/ConfigParserCreator.h"
 #include "parser/ModelProblems.h"
 #include "parser/SandConfigParser.h"
 #include "parser/StorePointer.h"
@@ -104,6 +105,19 @@ void addSkippedEntry(std::vector<StoreProblem>& problems, const rapidjson::Docum
 }
 
 } // namespace
+
+std::string parserAssertionOn(const rapidjson::Document& store) {
+    std::vector<std::string> lines;
+    const Quiet quiet(lines);
+    try {
+        if (const auto parser = configParserCreatorFactory()->createFromDocument(store)) {
+            parser->parse();
+        }
+    } catch (const AssertionFailure& e) {
+        return e.what();
+    }
+    return "";
+}
 
 std::vector<StoreProblem> skippedEntriesOf(const rapidjson::Document& store,
                                            const std::string& platformType) {

@@ -88,7 +88,9 @@ const rapidjson::SchemaDocument& schema() {
 // store it spoils is removed, as the restore would pass it by, so the next one shows.
 class Checker {
   public:
-    explicit Checker(rapidjson::Document& store) : store_(store) {}
+    explicit Checker(rapidjson::Document& store) : store_(store) {
+        untouched_.CopyFrom(store, untouched_.GetAllocator());
+    }
 
     std::vector<StoreProblem> run() {
         if (checkPlatform()) {
@@ -96,11 +98,34 @@ class Checker {
             applyRules();
             auto skipped = skippedEntriesOf(store_, platformType_);
             problems_.insert(problems_.end(), skipped.begin(), skipped.end());
+            settleWithTheParser();
         }
         return problems_;
     }
 
   private:
+    // A value of the wrong type ends the process only where the parser reads it, and it
+    // skips whole entries first: the parser run over the store as it is says which.
+    void settleWithTheParser() {
+        const std::string assertion = parserAssertionOn(untouched_);
+        const auto endsInParser = [](const StoreProblem& problem) {
+            return problem.consequence == Consequence::EndsProcess &&
+                   problem.message.rfind("namespace ", 0) != 0;
+        };
+        const bool predicted = std::any_of(problems_.begin(), problems_.end(), endsInParser);
+        if (!assertion.empty() && !predicted) {
+            add("", "the restore would end on the assertion " + assertion,
+                Consequence::EndsProcess);
+        } else if (assertion.empty() && predicted) {
+            for (StoreProblem& problem : problems_) {
+                if (endsInParser(problem)) {
+                    problem.message += "; never read, as what it belongs to is skipped";
+                    problem.consequence = Consequence::SkipsEntry;
+                }
+            }
+        }
+    }
+
     void add(const std::string& pointer, std::string message, Consequence consequence) {
         problems_.push_back({pointer, std::move(message), consequence});
     }
@@ -334,6 +359,7 @@ class Checker {
     }
 
     rapidjson::Document& store_;
+    rapidjson::Document untouched_;
     std::vector<StoreProblem> problems_;
     std::string platformType_;
     std::set<std::string> pruned_;
