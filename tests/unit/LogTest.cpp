@@ -1,11 +1,14 @@
 #include "log/Log.h"
 
 #include "Scenario.h"
+#include "log/EventJournal.h"
+#include "log/HistoryStore.h"
 #include "util/Assert.h"
 #include "util/Json.h"
 
 #include <algorithm>
 #include <csignal>
+#include <fstream>
 #include <gtest/gtest.h>
 
 namespace Kestrune {
@@ -91,6 +94,42 @@ TEST(EventLog, AnUnwritableHistoryIsTracedAndDoesNotStopTheProcess) {
     EXPECT_TRUE(std::any_of(outcome.traces.begin(), outcome.traces.end(), [&](const auto& line) {
         return line.rfind(expected, 0) == 0;
     })) << testing::PrintToString(outcome.traces);
+}
+
+TEST(EventLog, AKilledProcessLeavesItsEventsInItsJournalForTheNextOpenToFoldIn) {
+    TempDir dir;
+    Outcome killed = runProcess(dir, [] {
+        Log::logEvent("Driver", "first");
+        Log::logEvent("Driver", "second\twith a tab\nand a line");
+        raise(SIGKILL);
+    });
+    EXPECT_EQ(killed.signal, SIGKILL);
+    EXPECT_EQ(messagesOf(killed.events), (std::vector<std::string>{
+                                             "Driver: first",
+                                             "Driver: second\twith a tab\nand a line",
+                                         }))
+        << "read from the database and the journal";
+    ASSERT_EQ(EventJournal::journalsOf(dir.file("history.db")).size(), 1U);
+    // A record cut short by the kill is left out, not glued to the next one.
+    const std::string journal = EventJournal::journalsOf(dir.file("history.db"))[0];
+    std::ofstream(journal, std::ios::app) << "cut-1\t1.5\tpersistent\tKestrune\tDriver\thalf";
+
+    Outcome next = runProcess(dir, [] { Log::logEvent("Driver", "third"); });
+    EXPECT_EQ(messagesOf(next.events),
+              (std::vector<std::string>{"Driver: first", "Driver: second\twith a tab\nand a line",
+                                        "Driver: third"}));
+    EXPECT_TRUE(EventJournal::journalsOf(dir.file("history.db")).empty())
+        << "folded in and removed";
+}
+
+TEST(EventLog, AnEventFoldedInTwiceIsStoredOnce) {
+    TempDir dir;
+    runProcess(dir, [] {
+        Log::logEvent("Driver", "once");
+        Log::doStorePending();
+        Log::logEventAs(Log::originPrefix() + "-1", "Driver", "once");
+    });
+    EXPECT_EQ(HistoryStore::historyOf(dir.file("history.db")).size(), 1U);
 }
 
 TEST(EventsCommand, PrintsTheHistoryAsJsonAndAsATable) {
