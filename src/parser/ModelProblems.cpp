@@ -29,7 +29,7 @@ std::string interfacePointer(const rapidjson::Document& store, const std::string
         {"Vant", "intfNameToVlanId"},
     }};
     for (const auto& [section, entries] : places) {
-        const std::string pointer = pointerText({section, entries, name});
+        std::string pointer = pointerText({section, entries, name});
         if (rapidjson::Pointer(pointer.c_str()).Get(store)) {
             return pointer;
         }

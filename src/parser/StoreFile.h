@@ -15,7 +15,7 @@ namespace Kestrune {
 // not JSON.
 class StoreFile {
   public:
-    static constexpr std::size_t maxBytes = 64 * 1024 * 1024;
+    static constexpr std::size_t maxBytes = std::size_t{64} * 1024 * 1024;
     // Far deeper than any store the agents write; a stack that deep is still no danger.
     static constexpr unsigned maxDepth = 64;
 
