@@ -70,10 +70,13 @@ bool Driver::doInit() {
 }
 
 void Driver::doRaiseDescriptorLimit(std::size_t namespaces) {
-    // Two sockets a namespace stay open for the whole restore; the chip's devices, the
-    // history, the commands' pipes and the namespace files opened on the way need the rest.
+    // Two sockets a namespace stay open for the whole restore, and a device made as a TAP
+    // keeps its queue open (a routed port in a VRF, every port on a simulated chip); the
+    // chip's devices, the history, the commands' pipes and the namespace files opened on the
+    // way need the margin.
     constexpr rlim_t margin = 128;
-    const rlim_t needed = 2 * static_cast<rlim_t>(namespaces) + margin;
+    const std::size_t interfaces = config_->interface().size();
+    const rlim_t needed = 2 * static_cast<rlim_t>(namespaces) + interfaces + margin;
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
     if (limit.rlim_cur >= needed) {
@@ -85,7 +88,8 @@ void Driver::doRaiseDescriptorLimit(std::size_t namespaces) {
         return;
     }
     const std::string text = "doInit needs " + std::to_string(needed) + " descriptors for " +
-                             std::to_string(namespaces) + " namespaces; the limit is " +
+                             std::to_string(namespaces) + " namespaces and " +
+                             std::to_string(interfaces) + " interfaces; the limit is " +
                              std::to_string(limit.rlim_cur) + " and cannot be raised";
     TRACE(0) << text;
     eventIs(text);

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <csignal>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 namespace Kestrune::Testing {
@@ -144,6 +145,55 @@ TEST_F(HostileStores, EachEndsAsCheckSaysWithItsEventsStored) {
                 << text;
         }
     }
+}
+
+TEST_F(HostileStores, SixHundredVrfsGetTheirDescriptorsOrSayHowManyTheyNeed) {
+    run({"python3", KESTRUNE_SOURCE_DIR "/bench/generate-store.py", "--ports", "700", "--routed",
+         "700", "--lags", "0", "--subintfs", "0", "--svis", "0", "--vrfs", "600", "--rules", "5",
+         "--compact", "-o", dir_.file("vrfs.json")});
+    rlimit saved{};
+    getrlimit(RLIMIT_NOFILE, &saved);
+    struct Limit {
+        const char* what;
+        rlimit limit;
+    };
+    const Limit limits[] = {{"a soft limit below the need", {1024, 4096}},
+                            {"a hard limit below the need", {1024, 1024}}};
+    for (const Limit& limit : limits) {
+        SCOPED_TRACE(limit.what);
+        const TempDir dir;
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit.limit), 0);
+        CliRun run;
+        run.args = {"simulate", dir_.file("vrfs.json"), "--history", dir.file("h.db")};
+        run.traceFile = dir.file("trace.txt");
+        const CliResult result = runCli(run);
+        setrlimit(RLIMIT_NOFILE, &saved);
+        const std::vector<Event> events = HistoryStore::historyOf(dir.file("h.db"));
+        // Either the limit was raised and the restore came through, or it ended at once on
+        // a recorded message saying how many descriptors it needs (a hard limit only a
+        // process with CAP_SYS_RESOURCE may raise).
+        if (result.exited) {
+            EXPECT_EQ(result.exitCode, 0);
+        } else {
+            EXPECT_EQ(result.signal, SIGABRT);
+            ASSERT_GE(events.size(), 2U);
+            EXPECT_EQ(events[events.size() - 2].message,
+                      "doInit needs 2030 descriptors for 601 namespaces and 700 interfaces; the "
+                      "limit is 1024 and cannot be raised");
+            EXPECT_EQ(events.back().group, "Assertion");
+        }
+        if (limit.limit.rlim_max > 2030) {
+            EXPECT_TRUE(result.exited) << "a soft limit that could be raised was not";
+        }
+    }
+}
+
+TEST_F(HostileStores, AReportThatCannotBeWrittenFailsTheCommand) {
+    int status = 0;
+    outputOf({KESTRUNE_CLI, "simulate", dir_.file("clean.json"), "--report",
+              dir_.file("no/such/folder/report.json")},
+             &status);
+    EXPECT_EQ(status, 1);
 }
 
 } // namespace
