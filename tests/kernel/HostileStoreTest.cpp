@@ -126,8 +126,8 @@ TEST_F(HostileStores, EachEndsAsCheckSaysWithItsEventsStored) {
                 << events.back().group << ": " << events.back().message;
         } else {
             rapidjson::Document parsed;
-            parsed.Parse(contentOf(report).c_str());
-            EXPECT_FALSE(parsed.HasParseError()) << "the report is not JSON";
+            parsed.Parse<rapidjson::kParseValidateEncodingFlag>(contentOf(report).c_str());
+            EXPECT_FALSE(parsed.HasParseError()) << "the report is not valid JSON";
         }
 
         int status = 0;

@@ -1,9 +1,9 @@
 #include "RestoreCommand.h"
 
 #include "CommonOptions.h"
-#include "util/RestoreLock.h"
 #include "RestoreRun.h"
 #include "parser/ConfigParserCreator.h"
+#include "util/RestoreLock.h"
 #include "util/Stop.h"
 
 #include <cstdlib>
