@@ -54,7 +54,11 @@ void Log::handleInitialized() {
 }
 
 void Log::eventIs(const std::string& messageGroup, const std::string& message) {
-    eventIs(originPrefix() + "-" + std::to_string(++sequence_), messageGroup, message);
+    eventIs(nextOrigin(), messageGroup, message);
+}
+
+std::string Log::nextOrigin() {
+    return originPrefix() + "-" + std::to_string(++sequence_);
 }
 
 void Log::eventIs(std::string origin, const std::string& messageGroup, const std::string& message) {
@@ -127,6 +131,11 @@ Log* Log::created() {
 }
 
 void Log::logEvent(const std::string& messageGroup, const std::string& message) {
+    logEventAs("", messageGroup, message);
+}
+
+void Log::logEventAs(const std::string& origin, const std::string& messageGroup,
+                     const std::string& message) {
     if (const Observer& told = observer()) {
         told(messageGroup, message);
     }
@@ -136,17 +145,7 @@ void Log::logEvent(const std::string& messageGroup, const std::string& message) 
         return;
     }
     if (Log* log = created()) {
-        log->eventIs(messageGroup, message);
-    }
-}
-
-void Log::logEventAs(const std::string& origin, const std::string& messageGroup,
-                     const std::string& message) {
-    if (const Observer& told = observer()) {
-        told(messageGroup, message);
-    }
-    if (Log* log = capture() ? nullptr : created()) {
-        log->eventIs(origin, messageGroup, message);
+        log->eventIs(origin.empty() ? log->nextOrigin() : origin, messageGroup, message);
     }
 }
 

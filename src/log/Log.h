@@ -52,7 +52,8 @@ class Log {
 
     // Records one event in the single instance, creating it on first use.
     static void logEvent(const std::string& messageGroup, const std::string& message);
-    // The same, with the origin given: an event that may be in the journal already.
+    // The same, with the origin given ("" for a new one): an event that may be in the
+    // journal already.
     static void logEventAs(const std::string& origin, const std::string& messageGroup,
                            const std::string& message);
     // Creates the single instance now, with its journal, rather than at the first event.
@@ -93,6 +94,7 @@ class Log {
     static Ptr& instance();
     static Log* created();
     void eventIs(std::string origin, const std::string& messageGroup, const std::string& message);
+    std::string nextOrigin();
     static Capture*& capture();
     static Observer& observer();
 

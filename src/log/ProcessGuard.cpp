@@ -6,6 +6,7 @@
 #include "util/Trace.h"
 
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
