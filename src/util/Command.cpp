@@ -8,12 +8,14 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
-#include <spawn.h>
+#include <pthread.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -61,13 +63,77 @@ void killPastDeadline(const std::string& commandLine, pid_t pid, int timeoutMs) 
     Log::logEvent("Command", text);
 }
 
-// The child's end of one standard stream: inherited, /dev/null, or a descriptor of ours.
-void streamOf(posix_spawn_file_actions_t* actions, int fd, int target) {
-    if (fd == commandDiscard) {
-        posix_spawn_file_actions_addopen(actions, target, "/dev/null", O_RDWR, 0);
-    } else if (fd >= 0) {
-        posix_spawn_file_actions_adddup2(actions, fd, target);
+// The program's path: the word itself when it names a folder, else the first executable of
+// that name on PATH. Found before the child exists, which may only make system calls.
+std::string programPath(const std::string& name) {
+    if (name.find('/') != std::string::npos) {
+        return name;
     }
+    const char* path = std::getenv("PATH");
+    const std::string_view folders = path != nullptr ? path : "/usr/bin:/bin";
+    for (std::size_t start = 0; start <= folders.size();) {
+        const std::size_t end = std::min(folders.find(':', start), folders.size());
+        std::string candidate(folders.substr(start, end - start));
+        candidate += (candidate.empty() ? "./" : "/") + name;
+        if (access(candidate.c_str(), X_OK) == 0) {
+            return candidate;
+        }
+        start = end + 1;
+    }
+    return {};
+}
+
+// The child between vfork and exec, on memory it shares with the restore: system calls only.
+// It leads its own process group, so that a deadline or a stop ends all it starts, and it is
+// killed when the restore ends, however the restore ends, SIGKILL included.
+[[noreturn]] void becomeCommand(const char* program, char* const argv[],
+                                const std::array<int, 3>& streams, pid_t restore, int errorFd) {
+    setpgid(0, 0);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != restore) {
+        _exit(127); // the restore is gone already
+    }
+    // Default signal handling and nothing blocked, whatever the start-up process that drives
+    // the restore has set for itself.
+    struct sigaction byDefault {};
+    byDefault.sa_handler = SIG_DFL;
+    for (int signal = 1; signal < NSIG; ++signal) {
+        sigaction(signal, &byDefault, nullptr);
+    }
+    for (int target = 0; target < 3; ++target) {
+        if (streams[target] >= 0) {
+            dup2(streams[target], target);
+        }
+    }
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    execve(program, argv, environ);
+    const int error = errno;
+    static_cast<void>(::write(errorFd, &error, sizeof error));
+    _exit(127);
+}
+
+// The child's pid, or -1 with errno. No handler of the restore may run in the child while it
+// shares the restore's memory: every signal waits until the child has made its own.
+pid_t forkCommand(const char* program, char* const argv[], const std::array<int, 3>& streams,
+                  int errorFd) {
+    sigset_t all;
+    sigfillset(&all);
+    sigset_t callers;
+    pthread_sigmask(SIG_SETMASK, &all, &callers);
+    const pid_t restore = getpid();
+    // vfork rather than posix_spawn: only the child itself can ask to die with its parent,
+    // and the child here makes system calls only (becomeCommand).
+    const pid_t pid = vfork(); // NOLINT(clang-analyzer-security.insecureAPI.vfork)
+    if (pid == 0) {
+        // NOLINTNEXTLINE(clang-analyzer-unix.Vfork)
+        becomeCommand(program, argv, streams, restore, errorFd);
+    }
+    const int forkError = errno;
+    pthread_sigmask(SIG_SETMASK, &callers, nullptr);
+    errno = forkError;
+    return pid;
 }
 
 // Starts the command; the child's pid, or -1 with the reason traced.
@@ -78,6 +144,12 @@ pid_t spawn(const std::string& commandLine, int stdinFd, int stdoutFd, int stder
                  << " empty command line";
         return -1;
     }
+    const std::string program = programPath(words[0]);
+    if (program.empty()) {
+        TRACE(0) << "runCommand"
+                 << " cannot start " << commandLine << ": " << std::strerror(ENOENT);
+        return -1;
+    }
     std::vector<char*> argv;
     argv.reserve(words.size() + 1);
     for (const std::string& word : words) {
@@ -85,33 +157,33 @@ pid_t spawn(const std::string& commandLine, int stdinFd, int stdoutFd, int stder
     }
     argv.push_back(nullptr);
 
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    streamOf(&actions, stdinFd, STDIN_FILENO);
-    streamOf(&actions, stdoutFd, STDOUT_FILENO);
-    streamOf(&actions, stderrFd, STDERR_FILENO);
-    // The child starts with default signal handling and nothing blocked, whatever the
-    // start-up process that drives the restore has set for itself.
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    sigset_t none;
-    sigemptyset(&none);
-    sigset_t all;
-    sigfillset(&all);
-    posix_spawnattr_setsigmask(&attributes, &none);
-    posix_spawnattr_setsigdefault(&attributes, &all);
-    // Its own process group, so that a deadline or a stop ends all it started.
-    posix_spawnattr_setpgroup(&attributes, 0);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF |
-                                              POSIX_SPAWN_SETPGROUP);
-
-    pid_t pid = -1;
-    const int error = posix_spawnp(&pid, argv[0], &actions, &attributes, argv.data(), environ);
-    posix_spawnattr_destroy(&attributes);
-    posix_spawn_file_actions_destroy(&actions);
-    if (error != 0) {
+    const bool discards =
+        stdinFd == commandDiscard || stdoutFd == commandDiscard || stderrFd == commandDiscard;
+    const int nullFd = discards ? ::open("/dev/null", O_RDWR | O_CLOEXEC) : -1;
+    const auto streamOf = [nullFd](int fd) { return fd == commandDiscard ? nullFd : fd; };
+    const std::array<int, 3> streams{streamOf(stdinFd), streamOf(stdoutFd), streamOf(stderrFd)};
+    // Closed by a successful exec; carries errno back from a failed one.
+    std::array<int, 2> error{-1, -1};
+    if (pipe2(error.data(), O_CLOEXEC) != 0) {
         TRACE(0) << "runCommand"
-                 << " cannot start " << commandLine << ": " << std::strerror(error);
+                 << " cannot start " << commandLine << ": " << std::strerror(errno);
+        ::close(nullFd);
+        return -1;
+    }
+    const pid_t pid = forkCommand(program.c_str(), argv.data(), streams, error[1]);
+    ::close(error[1]);
+    if (nullFd >= 0) {
+        ::close(nullFd);
+    }
+    int childError = pid < 0 ? errno : 0;
+    if (pid > 0 && ::read(error[0], &childError, sizeof childError) > 0) {
+        int status = 0;
+        waitpid(pid, &status, 0);
+    }
+    ::close(error[0]);
+    if (childError != 0) {
+        TRACE(0) << "runCommand"
+                 << " cannot start " << commandLine << ": " << std::strerror(childError);
         return -1;
     }
     TRACE(9) << "runCommand"

@@ -1,8 +1,9 @@
 #pragma once
 
 // Command lines run by the restore. No shell is ever involved: a line is split on blanks into
-// the program and its arguments and spawned with posix_spawn, the program searched on PATH
-// when it is a bare name. So no text from the store can start a command of its own.
+// the program and its arguments and started with vfork and exec, the program searched on PATH
+// when it is a bare name. So no text from the store can start a command of its own. A command
+// leads its own process group and dies with the restore, however the restore ends.
 
 #include <chrono>
 #include <string>
