@@ -9,6 +9,7 @@
 #include "parser/StrataConfigParser.h"
 #include "util/Trace.h"
 
+#include <algorithm>
 #include <array>
 #include <rapidjson/pointer.h>
 
@@ -104,19 +105,62 @@ void addSkippedEntry(std::vector<StoreProblem>& problems, const rapidjson::Docum
     }
 }
 
-} // namespace
+struct ParserOutcome {
+    bool parserMade = false;
+    std::string assertion; // the assertion it ends on, "" when it gets through
+};
 
-std::string parserAssertionOn(const rapidjson::Document& store) {
+ParserOutcome parserOutcomeOn(const rapidjson::Document& store) {
     std::vector<std::string> lines;
     const Quiet quiet(lines);
+    ParserOutcome outcome;
     try {
         if (const auto parser = configParserCreatorFactory()->createFromDocument(store)) {
+            outcome.parserMade = true;
             parser->parse();
         }
     } catch (const AssertionFailure& e) {
-        return e.what();
+        outcome.assertion = e.what();
     }
-    return "";
+    return outcome;
+}
+
+// Makes the problems that `predicts` agree with what `happens`: one that does not happen is
+// never reached; one that happens unpredicted is added as `missing`.
+template <class Predicate>
+void settle(std::vector<StoreProblem>& problems, const Predicate& predicts, bool happens,
+            StoreProblem missing) {
+    const bool predicted = std::any_of(problems.begin(), problems.end(), predicts);
+    if (happens && !predicted) {
+        problems.push_back(std::move(missing));
+    } else if (!happens && predicted) {
+        for (StoreProblem& problem : problems) {
+            if (predicts(problem)) {
+                problem.message += "; the restore never reads this value";
+                problem.consequence = Consequence::SkipsEntry;
+            }
+        }
+    }
+}
+
+} // namespace
+
+void settleWithTheParser(std::vector<StoreProblem>& problems, const rapidjson::Document& store) {
+    const ParserOutcome outcome = parserOutcomeOn(store);
+    const auto endsInParser = [](const StoreProblem& problem) {
+        return problem.consequence == Consequence::EndsProcess &&
+               problem.message.rfind("namespace ", 0) != 0;
+    };
+    const auto noRestore = [](const StoreProblem& problem) {
+        return problem.consequence == Consequence::NoRestore;
+    };
+    settle(problems, endsInParser, !outcome.assertion.empty(),
+           {"", "the restore would end on the assertion " + outcome.assertion,
+            Consequence::EndsProcess});
+    if (outcome.assertion.empty()) {
+        settle(problems, noRestore, !outcome.parserMade,
+               {"", "the restore would find no parser for the store", Consequence::NoRestore});
+    }
 }
 
 std::vector<StoreProblem> skippedEntriesOf(const rapidjson::Document& store,

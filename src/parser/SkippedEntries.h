@@ -13,9 +13,11 @@ namespace Kestrune {
 // store with nothing fatal left in it, quietly (traces collected, events kept out of the
 // history, assertions thrown). An assertion it still meets is reported as ending the
 // process.
-// The assertion the restore's parser ends on with this store, "" when it gets through:
-// whether a problem the schema finds is ever reached.
-std::string parserAssertionOn(const rapidjson::Document& store);
+// Settles what the problems say the restore comes to (ends the process in the parser, no
+// restore) with what the restore's parser does with the store as it is: a value of the wrong
+// type matters only where the parser reads it, and it skips whole entries and reads only the
+// first of a key given twice.
+void settleWithTheParser(std::vector<StoreProblem>& problems, const rapidjson::Document& store);
 
 std::vector<StoreProblem> skippedEntriesOf(const rapidjson::Document& store,
                                            const std::string& platformType);

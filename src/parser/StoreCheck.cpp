@@ -98,34 +98,12 @@ class Checker {
             applyRules();
             auto skipped = skippedEntriesOf(store_, platformType_);
             problems_.insert(problems_.end(), skipped.begin(), skipped.end());
-            settleWithTheParser();
+            settleWithTheParser(problems_, untouched_);
         }
         return problems_;
     }
 
   private:
-    // A value of the wrong type ends the process only where the parser reads it, and it
-    // skips whole entries first: the parser run over the store as it is says which.
-    void settleWithTheParser() {
-        const std::string assertion = parserAssertionOn(untouched_);
-        const auto endsInParser = [](const StoreProblem& problem) {
-            return problem.consequence == Consequence::EndsProcess &&
-                   problem.message.rfind("namespace ", 0) != 0;
-        };
-        const bool predicted = std::any_of(problems_.begin(), problems_.end(), endsInParser);
-        if (!assertion.empty() && !predicted) {
-            add("", "the restore would end on the assertion " + assertion,
-                Consequence::EndsProcess);
-        } else if (assertion.empty() && predicted) {
-            for (StoreProblem& problem : problems_) {
-                if (endsInParser(problem)) {
-                    problem.message += "; never read, as what it belongs to is skipped";
-                    problem.consequence = Consequence::SkipsEntry;
-                }
-            }
-        }
-    }
-
     void add(const std::string& pointer, std::string message, Consequence consequence) {
         problems_.push_back({pointer, std::move(message), consequence});
     }

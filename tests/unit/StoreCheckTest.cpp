@@ -3,6 +3,7 @@
 #include "StoreScenario.h"
 #include "parser/ConfigParserCreator.h"
 
+#include <algorithm>
 #include <csignal>
 #include <gtest/gtest.h>
 
@@ -178,6 +179,34 @@ TEST(StoreCheck, StoresThatRestoreNothingAreSaidToRestoreNothing) {
         ASSERT_EQ(problems.size(), 1U) << store;
         EXPECT_EQ(problems[0].pointer, pointer);
         EXPECT_EQ(problems[0].consequence, Consequence::NoRestore) << problems[0].message;
+    }
+}
+
+TEST(StoreCheck, OnlyValuesTheRestoreReadsDecideItsFate) {
+    struct Case {
+        const char* what;
+        std::string store;
+        Consequence worst;
+    };
+    const Case cases[] = {
+        {"flags of a member that is skipped",
+         strataStore({{"Pell", R"({"inputIntfLag": {"Port-Channel1": {"member": ["Ethernet9/9"]}},
+                                   "collectDistribute": {"Ethernet9/9": {"collecting": true}}})"}}),
+         Consequence::SkipsEntry},
+        {"a key given twice, the first read",
+         R"({"Tessaline": {"platformType": "Strata", "platformType": {"x": 1}}})",
+         Consequence::SkipsSection},
+        {"a key given twice, the first of the wrong type",
+         R"({"Tessaline": {"platformType": {"x": 1}, "platformType": "Strata"}})",
+         Consequence::EndsProcess},
+    };
+    for (const Case& c : cases) {
+        Consequence worst = Consequence::SkipsEntry;
+        for (const auto& problem : StoreCheck::problemsOf(c.store)) {
+            worst = std::max(worst, problem.consequence);
+        }
+        EXPECT_EQ(textOf(worst), textOf(c.worst)) << c.what;
+        EXPECT_EQ(worst == Consequence::EndsProcess, restoreEndsTheProcess(c.store)) << c.what;
     }
 }
 
