@@ -2,9 +2,11 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <fstream>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -165,18 +167,12 @@ void EventJournal::appendFromSignal(const char* record, unsigned size) {
 
 std::vector<Event> EventJournal::eventsOf(const std::string& journalPath) {
     std::vector<Event> events;
-    std::FILE* file = std::fopen(journalPath.c_str(), "re");
-    if (!file) {
-        return events;
-    }
-    std::string line;
-    for (int c = std::fgetc(file); c != EOF; c = std::fgetc(file)) {
-        if (c != '\n') {
-            line += static_cast<char>(c);
-            continue;
+    std::ifstream file(journalPath, std::ios::binary);
+    for (std::string line; std::getline(file, line);) {
+        if (file.eof()) {
+            break; // no newline: a record cut short
         }
         std::vector<std::string> fields = fieldsOf(line);
-        line.clear();
         if (fields.size() != 6) {
             continue;
         }
@@ -185,7 +181,6 @@ std::vector<Event> EventJournal::eventsOf(const std::string& journalPath) {
         event.origin = std::move(fields[0]);
         events.push_back(std::move(event));
     }
-    std::fclose(file);
     return events;
 }
 

@@ -26,28 +26,6 @@ namespace {
 
 int deadlineMs = commandDefaultDeadlineMs;
 
-// The time left of a command's deadline; commandNoTimeout when it has none.
-class Deadline {
-  public:
-    explicit Deadline(int timeoutMs, std::chrono::steady_clock::time_point start =
-                                         std::chrono::steady_clock::now())
-        : timeoutMs_(timeoutMs), start_(start) {}
-    int timeoutMs() const { return timeoutMs_; }
-    int leftMs() const {
-        if (timeoutMs_ < 0) {
-            return commandNoTimeout;
-        }
-        const auto spent = std::chrono::duration_cast<std::chrono::milliseconds>(
-                               std::chrono::steady_clock::now() - start_)
-                               .count();
-        return spent >= timeoutMs_ ? 0 : static_cast<int>(timeoutMs_ - spent);
-    }
-
-  private:
-    int timeoutMs_;
-    std::chrono::steady_clock::time_point start_;
-};
-
 // The deadline of a command given none of its own: the process-wide one.
 int effectiveTimeout(int timeoutMs) {
     return timeoutMs >= 0 ? timeoutMs : deadlineMs;
@@ -214,7 +192,8 @@ int waitFor(pid_t pid, int* status) {
 }
 
 // Waits for the child until the deadline; kills it when the time is up (-1).
-int waitAtMost(const std::string& commandLine, pid_t pid, const Deadline& deadline, int* status) {
+int waitAtMost(const std::string& commandLine, pid_t pid, const CommandDeadline& deadline,
+               int* status) {
     if (deadline.timeoutMs() < 0) {
         return waitFor(pid, status);
     }
@@ -238,6 +217,16 @@ int waitAtMost(const std::string& commandLine, pid_t pid, const Deadline& deadli
 }
 
 } // namespace
+
+int CommandDeadline::leftMs() const {
+    if (timeoutMs_ < 0) {
+        return commandNoTimeout;
+    }
+    const auto spent = std::chrono::duration_cast<std::chrono::milliseconds>(
+                           std::chrono::steady_clock::now() - start_)
+                           .count();
+    return spent >= timeoutMs_ ? 0 : static_cast<int>(timeoutMs_ - spent);
+}
 
 void commandDeadlineMsIs(int milliseconds) {
     deadlineMs = milliseconds;
@@ -263,8 +252,7 @@ std::vector<std::string> commandArgv(std::string_view line) {
 }
 
 CommandInput::CommandInput(const std::string& commandLine, int timeoutMs)
-    : commandLine_(commandLine), timeoutMs_(effectiveTimeout(timeoutMs)),
-      start_(std::chrono::steady_clock::now()) {
+    : commandLine_(commandLine), deadline_(effectiveTimeout(timeoutMs)) {
     std::array<int, 2> ends{-1, -1};
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
         TRACE(0) << "runCommand"
@@ -287,18 +275,14 @@ CommandInput::~CommandInput() {
     close();
 }
 
-int CommandInput::leftMs() const {
-    return Deadline(timeoutMs_, start_).leftMs();
-}
-
 std::size_t CommandInput::write(std::string_view bytes) {
     std::size_t written = 0;
     while (inputFd_ >= 0 && pid_ > 0 && written < bytes.size()) {
         // A command that stops reading must not hold the restore past its deadline.
         pollfd room{inputFd_, POLLOUT, 0};
-        const int ready = poll(&room, 1, leftMs());
+        const int ready = poll(&room, 1, deadline_.leftMs());
         if (ready == 0) {
-            killPastDeadline(commandLine_, pid_, timeoutMs_);
+            killPastDeadline(commandLine_, pid_, deadline_.timeoutMs());
             break;
         }
         const auto sent = ready < 0 ? -1
@@ -324,11 +308,10 @@ int CommandInput::close() {
     int status = 0;
     const pid_t pid = pid_;
     pid_ = -1;
-    const int left = leftMs();
-    if (left == 0) {
+    if (deadline_.leftMs() == 0) {
         // Killed while its input was written: only its end is left to collect.
         waitFor(pid, &status);
-    } else if (waitAtMost(commandLine_, pid, Deadline(left), &status) != 0) {
+    } else if (waitAtMost(commandLine_, pid, deadline_, &status) != 0) {
         return 128 + SIGKILL;
     }
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
@@ -343,7 +326,7 @@ int runCommand(const std::string& commandLine, int stdinFd, int stdoutFd, int st
         return -1;
     }
     int status = 0;
-    const Kestrune::Deadline deadline(Kestrune::effectiveTimeout(timeoutMs));
+    const Kestrune::CommandDeadline deadline(Kestrune::effectiveTimeout(timeoutMs));
     const int waited = Kestrune::waitAtMost(commandLine, pid, deadline, &status);
     return waited == 0 ? Kestrune::statusOf(commandLine, status) : -1;
 }
@@ -374,6 +357,6 @@ std::string exec(const char* command) {
     }
     close(ends[0]);
     int status = 0;
-    Kestrune::waitAtMost(command, pid, Kestrune::Deadline(Kestrune::deadlineMs), &status);
+    Kestrune::waitAtMost(command, pid, Kestrune::CommandDeadline(Kestrune::deadlineMs), &status);
     return output;
 }

@@ -24,6 +24,19 @@ inline constexpr int commandDefaultDeadlineMs = 30000;
 void commandDeadlineMsIs(int milliseconds);
 int commandDeadlineMs();
 
+// A command's deadline, counted from when it was made.
+class CommandDeadline {
+  public:
+    explicit CommandDeadline(int timeoutMs) : timeoutMs_(timeoutMs) {}
+    int timeoutMs() const { return timeoutMs_; }
+    // The milliseconds left, 0 once it has passed; commandNoTimeout for no deadline.
+    int leftMs() const;
+
+  private:
+    int timeoutMs_;
+    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+};
+
 // The program and its arguments: the words of the line between runs of blanks and tabs.
 std::vector<std::string> commandArgv(std::string_view line);
 
@@ -46,11 +59,8 @@ class CommandInput {
     int close();
 
   private:
-    int leftMs() const;
-
     std::string commandLine_;
-    int timeoutMs_;
-    std::chrono::steady_clock::time_point start_;
+    CommandDeadline deadline_;
     int pid_ = -1;
     int inputFd_ = -1;
 };
