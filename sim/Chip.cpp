@@ -1,0 +1,347 @@
+#include "Chip.h"
+
+#include "platform/ChipDevice.h"
+#include "util/KernelName.h"
+#include "util/Trace.h"
+
+#include <cerrno>
+#include <cstring>
+#include <sstream>
+#include <stdexcept>
+
+namespace Kestrune::Sim {
+namespace {
+
+bool isInteger(const std::string& word) {
+    if (word.empty()) {
+        return false;
+    }
+    std::size_t at = word[0] == '-' ? 1 : 0;
+    if (at == word.size()) {
+        return false;
+    }
+    for (; at < word.size(); ++at) {
+        if (word[at] < '0' || word[at] > '9') {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The command tables of the two chip families: each command's words after its name. "%s" is a
+// kernel device name, "%d" a decimal integer, "%w" any word (a FAP or PCI name); any other
+// word is a fixed slot and must be there as written.
+// A command may have more than one shape ("ifadd" of a port and of a LAG); it is well formed
+// when it has one of them.
+using CommandTable = std::multimap<std::string, std::vector<std::string>>;
+
+const CommandTable& strataCommands() {
+    static const CommandTable table{
+        {"ifadd", {"%s", "%d", "%d", "-1", "%d", "%d", "%d"}},
+        {"ifadd", {"%s", "-1", "-1", "%d", "%d", "0", "0"}},
+        {"internalvlan", {"%s", "%d", "0", "1", "%d"}},
+        {"lagmemberconfigadd", {"%d", "%d", "%d"}},
+        {"lagmemberadd", {"%d", "%d", "%d"}},
+        {"lagmemberupdate", {"%d", "%d", "%d", "%d"}},
+    };
+    return table;
+}
+
+const CommandTable& sandCommands() {
+    static const CommandTable table{
+        {"drvparams", {"%d", "%d", "%d"}},
+        {"devname", {"%w", "%w"}},
+        {"devparams", {"%w", "%d", "%d", "%d", "%d", "%d", "%d", "%d"}},
+        {"devstate", {"%w", "up"}},
+        {"ifadd", {"%s", "%d", "%d", "%w", "ctrl"}},
+        {"native_vlan", {"%s", "%d", "%d"}},
+        {"internalvlan", {"%d", "%s"}},
+    };
+    return table;
+}
+
+std::vector<std::string> wordsOf(const std::string& command) {
+    std::istringstream stream(command);
+    std::vector<std::string> words;
+    for (std::string word; stream >> word;) {
+        words.push_back(word);
+    }
+    return words;
+}
+
+std::uint32_t u32At(const unsigned char* record, std::size_t offset) {
+    std::uint32_t value = 0;
+    std::memcpy(&value, record + offset, sizeof value);
+    return value;
+}
+
+} // namespace
+
+Chip::Family Chip::familyOf(const std::string& platformType) {
+    return platformType == "Sand" ? Family::sand : Family::strata;
+}
+
+Chip::Family Chip::familyNamed(const std::string& name) {
+    if (name != "strata" && name != "sand") {
+        throw std::invalid_argument("no chip family \"" + name + "\": strata or sand");
+    }
+    return name == "sand" ? Family::sand : Family::strata;
+}
+
+const std::set<std::string>& Chip::faultNames() {
+    static const std::set<std::string> names = [] {
+        std::set<std::string> all{"adddevice", "interrupts", "bde-reopen", "fabric-mac",
+                                  "fabric-up", "port-mac",   "port-up"};
+        for (const CommandTable* table : {&strataCommands(), &sandCommands()}) {
+            for (const auto& [name, shape] : *table) {
+                all.insert(name);
+            }
+        }
+        return all;
+    }();
+    return names;
+}
+
+Chip::Chip(const std::string& logPath, Family family, std::set<std::string> refused)
+    : family_(family), refused_(std::move(refused)) {
+    if (!logPath.empty()) {
+        // Appending: the chip's tools add their lines to the same log as they run.
+        log_ = std::fopen(logPath.c_str(), "w");
+        if (log_ == nullptr || std::freopen(logPath.c_str(), "a", log_) == nullptr) {
+            throw std::runtime_error("cannot write the chip log " + logPath + ": " +
+                                     std::strerror(errno));
+        }
+    }
+    // The chip picks the MAC; the driver sets the bridge MAC afterwards.
+    const auto kind = refuses("fabric-mac")  ? ChipPorts::Kind::noMac
+                      : refuses("fabric-up") ? ChipPorts::Kind::noUp
+                                             : ChipPorts::Kind::ethernet;
+    if (ports_.made("fabric", kind) != 0) {
+        TRACE(0) << "chip: cannot make the fabric device: " << std::strerror(errno);
+    }
+}
+
+Chip::~Chip() {
+    if (log_ != nullptr) {
+        std::fclose(log_);
+    }
+}
+
+void Chip::log(const std::string& line) {
+    if (log_ != nullptr) {
+        std::fprintf(log_, "%s\n", line.c_str());
+        std::fflush(log_);
+    }
+}
+
+std::string Chip::malformation(Family family, const std::string& command) {
+    const std::vector<std::string> words = wordsOf(command);
+    if (words.empty()) {
+        return "empty command";
+    }
+    const CommandTable& table = family == Family::strata ? strataCommands() : sandCommands();
+    const auto [first, last] = table.equal_range(words[0]);
+    if (first == last) {
+        return "unknown command " + words[0];
+    }
+    // The reason the closest shape gives: the one that matched the most leading arguments.
+    std::string reason;
+    std::size_t closest = 0;
+    for (auto entry = first; entry != last; ++entry) {
+        const std::vector<std::string>& shape = entry->second;
+        if (words.size() != shape.size() + 1) {
+            if (reason.empty()) {
+                reason = words[0] + " takes " + std::to_string(shape.size()) + " arguments";
+            }
+            continue;
+        }
+        std::size_t i = 0;
+        std::string wanted;
+        for (; i < shape.size() && wanted.empty(); ++i) {
+            const std::string& word = words[i + 1];
+            if (shape[i] == "%d") {
+                wanted = isInteger(word) ? "" : "an integer";
+            } else if (shape[i] == "%s") {
+                wanted = isKernelDeviceName(word) ? "" : "a device name";
+            } else if (shape[i] != "%w" && word != shape[i]) {
+                wanted = "\"" + shape[i] + "\"";
+            }
+        }
+        if (wanted.empty()) {
+            return {};
+        }
+        if (i > closest) {
+            closest = i;
+            reason = words[0] + " argument " + std::to_string(i) + " \"" + words[i] + "\" is not " +
+                     wanted;
+        }
+    }
+    return reason;
+}
+
+int Chip::fabricCommand(const std::string& command) {
+    log("fabric " + command);
+    std::string problem = malformation(family_, command);
+    const std::vector<std::string> words = wordsOf(command);
+    if (problem.empty() && refuses(words[0])) {
+        problem = "told to refuse " + words[0];
+    }
+    if (!problem.empty()) {
+        TRACE(0) << "chip refuses \"" << command << "\": " << problem;
+        errno = EINVAL;
+        return -1;
+    }
+    try {
+        return family_ == Family::strata ? strataCommand(words) : sandCommand(words);
+    } catch (const std::out_of_range&) {
+        // A number the driver's 32-bit fields cannot hold.
+        errno = ERANGE;
+        return -1;
+    }
+}
+
+int Chip::newCpuDevice(const std::string& name) {
+    const auto kind = refuses("port-mac")  ? ChipPorts::Kind::noMac
+                      : refuses("port-up") ? ChipPorts::Kind::noUp
+                                           : ChipPorts::Kind::ethernet;
+    if (ports_.made(name, kind) != 0) {
+        const int error = errno;
+        TRACE(0) << "chip: cannot make the CPU device " << name << ": " << std::strerror(error);
+        errno = error == EEXIST ? EEXIST : EIO;
+        return -1;
+    }
+    return 0;
+}
+
+std::size_t Chip::recordSize(unsigned long request, const unsigned char* known,
+                             std::size_t knownSize) {
+    if (request == bdeAddDeviceRequest) {
+        return 16;
+    }
+    if (request == bdeEnableInterruptsRequest) {
+        return knownSize < 32 ? 32 : 32 + u32At(known, 28);
+    }
+    return 0;
+}
+
+int Chip::strataCommand(const std::vector<std::string>& words) {
+    const auto number = [&](std::size_t i) { return std::stoi(words[i]); };
+    if (words[0] == "ifadd") {
+        return newCpuDevice(words[1]);
+    }
+    if (words[0] == "internalvlan") {
+        if (!ports_.has(words[1])) {
+            errno = ENODEV;
+            return -1;
+        }
+        vlans_[words[1]][number(2)] = number(5);
+        return 0;
+    }
+    LagMember& member = lags_[number(1)][{number(2), number(3)}];
+    member.modId = number(2);
+    member.port = number(3);
+    if (words[0] == "lagmemberconfigadd") {
+        member.configured = true;
+    } else if (words[0] == "lagmemberadd") {
+        member.added = true;
+    } else {
+        if (number(4) < 0 || number(4) > 3) {
+            errno = EINVAL;
+            return -1;
+        }
+        member.state = number(4);
+    }
+    return 0;
+}
+
+int Chip::sandCommand(const std::vector<std::string>& words) {
+    const auto number = [&](std::size_t i) { return std::stoi(words[i]); };
+    const auto refuse = [](int error) {
+        errno = error;
+        return -1;
+    };
+    // The chip's driver sizes its tables from the driver parameters: nothing else before them.
+    if (words[0] == "drvparams") {
+        driverParams_ = {number(1), number(2), number(3)};
+        return 0;
+    }
+    if (!driverParams_) {
+        return refuse(EINVAL);
+    }
+    if (words[0] == "devname") {
+        return faps_.emplace(words[1], Fap{words[2], {}, false}).second ? 0 : refuse(EEXIST);
+    }
+    if (words[0] == "devparams" || words[0] == "devstate") {
+        const auto fap = faps_.find(words[1]);
+        if (fap == faps_.end()) {
+            return refuse(ENODEV);
+        }
+        if (words[0] == "devparams") {
+            fap->second.params.clear();
+            for (std::size_t i = 2; i < words.size(); ++i) {
+                fap->second.params.push_back(number(i));
+            }
+        } else if (fap->second.params.empty()) {
+            return refuse(EINVAL);
+        } else {
+            fap->second.up = true;
+        }
+        return 0;
+    }
+    if (words[0] == "ifadd") {
+        const auto fap = faps_.find(words[4]);
+        if (fap == faps_.end() || !fap->second.up) {
+            return refuse(ENODEV);
+        }
+        if (newCpuDevice(words[1]) != 0) {
+            return -1;
+        }
+        sandPorts_[words[1]] = SandPort{number(2), number(3), words[4]};
+        return 0;
+    }
+    const std::string& device = words[0] == "native_vlan" ? words[1] : words[2];
+    const auto port = sandPorts_.find(device);
+    if (port == sandPorts_.end()) {
+        return refuse(ENODEV);
+    }
+    if (words[0] == "native_vlan") {
+        // 4096, one past the largest VLAN id, is how the driver says "untagged".
+        if (number(3) < 1 || number(3) > 4096) {
+            return refuse(EINVAL);
+        }
+        port->second.dot1qTunnel = number(2);
+        port->second.nativeVlan = number(3);
+    } else {
+        port->second.internalVlan = number(1);
+    }
+    return 0;
+}
+
+int Chip::bdeRecord(unsigned long request, const unsigned char* record) {
+    std::string line;
+    const char* name = nullptr;
+    if (request == bdeAddDeviceRequest) {
+        name = "adddevice";
+        line = "bde adddevice bus=" + std::to_string(u32At(record, 8)) +
+               " mod=" + std::to_string(u32At(record, 12));
+    } else if (request == bdeEnableInterruptsRequest) {
+        name = "interrupts";
+        const std::uint32_t count = u32At(record, 28);
+        line = "bde interrupts " + std::to_string(count);
+        for (std::uint32_t i = 0; i < count; ++i) {
+            line += " " + std::to_string(record[32 + i]);
+        }
+    } else {
+        errno = ENOTTY;
+        return -1;
+    }
+    log(line);
+    if (refuses(name)) {
+        TRACE(0) << "chip refuses the bde request " << name << ": told to";
+        errno = EIO;
+        return -1;
+    }
+    return 0;
+}
+
+} // namespace Kestrune::Sim

@@ -1,0 +1,105 @@
+#pragma once
+
+#include "ChipPorts.h"
+
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace Kestrune::Sim {
+
+// The switch chip as its kernel driver presents it, whatever carries the requests to it (the
+// in-process simulator or the character-device daemon). It takes the bytes the real driver
+// would: fabric commands checked against the chip family's command table, fixed slots
+// included (a malformed one is refused, as the driver would), and bde records read at their
+// byte offsets. "ifadd" makes the CPU device; LAG, VLAN, FAP and port state is kept in tables.
+// Every operation is one line of the chip log.
+class Chip {
+  public:
+    static constexpr unsigned cpuMtu = ChipPorts::cpuMtu;
+
+    enum class Family { strata, sand };
+    // The family whose driver a platform type selects; Strata's for any unknown type.
+    static Family familyOf(const std::string& platformType);
+    // The family named "strata" or "sand"; std::invalid_argument for any other name.
+    static Family familyNamed(const std::string& name);
+
+    // Rehearses a chip in trouble; each name makes one thing fail: a fabric command's name
+    // (refused after it is logged), "adddevice" and "interrupts" (the bde requests),
+    // "fabric-mac" and "fabric-up" (the fabric device refuses a MAC or coming up), "port-mac"
+    // and "port-up" (so do the CPU devices of "ifadd"); "bde-reopen" (the bde node takes one
+    // open only; the character-device daemon checks it).
+    static const std::set<std::string>& faultNames();
+
+    // Makes the "fabric" device, as loading the DMA module does, and starts the chip log at
+    // logPath ("" keeps no log); std::runtime_error when that file cannot be written.
+    Chip(const std::string& logPath, Family family, std::set<std::string> refused = {});
+    ~Chip();
+    Chip(const Chip&) = delete;
+    Chip& operator=(const Chip&) = delete;
+
+    // One command of the fabric channel: 0, or -1 with errno.
+    int fabricCommand(const std::string& command);
+    // One bde request with its record (at least recordSize(request, ...) bytes): 0, or -1 with
+    // errno.
+    int bdeRecord(unsigned long request, const unsigned char* record);
+    // The bytes of a bde request's record, knowing its first `known` bytes (the count of the
+    // enable-interrupts record says how long it is); 0 for a request the driver does not know.
+    static std::size_t recordSize(unsigned long request, const unsigned char* known,
+                                  std::size_t knownSize);
+    void log(const std::string& line);
+    void refusedIs(std::set<std::string> names) { refused_ = std::move(names); }
+    bool refuses(const std::string& name) const { return refused_.count(name) != 0; }
+
+    // Checks one fabric command against the family's table; the reason when it is malformed,
+    // else "".
+    static std::string malformation(Family family, const std::string& command);
+
+    struct LagMember {
+        int modId = 0;
+        int port = 0;
+        bool configured = false;
+        bool added = false;
+        int state = 0;
+    };
+    // LAG id -> its members by (modId, port).
+    const std::map<int, std::map<std::pair<int, int>, LagMember>>& lags() const { return lags_; }
+    struct SandPort {
+        int systemPort = 0;
+        int trafficClass = 0;
+        std::string fap;
+        int dot1qTunnel = 0;
+        int nativeVlan = 0;   // 0 until "native_vlan"
+        int internalVlan = 0; // 0 unless routed
+    };
+    // Kernel device -> what the Sand chip holds of its port.
+    const std::map<std::string, SandPort>& sandPorts() const { return sandPorts_; }
+
+  private:
+    int strataCommand(const std::vector<std::string>& words);
+    int sandCommand(const std::vector<std::string>& words);
+    int newCpuDevice(const std::string& name);
+
+    struct Fap {
+        std::string pciName;
+        std::vector<int> params; // from "devparams"
+        bool up = false;
+    };
+
+    Family family_;
+    std::set<std::string> refused_;
+    std::FILE* log_ = nullptr;
+    ChipPorts ports_;
+    std::map<int, std::map<std::pair<int, int>, LagMember>> lags_;
+    std::map<std::string, std::map<int, int>> vlans_;
+    std::optional<std::array<int, 3>> driverParams_;
+    std::map<std::string, Fap> faps_;
+    std::map<std::string, SandPort> sandPorts_;
+};
+
+} // namespace Kestrune::Sim
