@@ -42,21 +42,19 @@ struct Options {
     std::string module;
     std::string chipLog;
     std::string pidFile;
-    std::vector<std::string> refused;
+    std::string refused;
     bool foreground = false;
     std::vector<std::string> parameters;
 };
 
-std::set<std::string> refusals(const std::vector<std::string>& names) {
+std::set<std::string> refusals(const std::string& names) {
     std::set<std::string> all;
-    for (const std::string& list : names) {
-        std::istringstream words(list);
-        for (std::string name; std::getline(words, name, ',');) {
-            if (Chip::faultNames().count(name) == 0) {
-                throw std::invalid_argument("--refuse: the chip knows no \"" + name + "\"");
-            }
-            all.insert(name);
+    std::istringstream words(names);
+    for (std::string name; std::getline(words, name, ',');) {
+        if (Chip::faultNames().count(name) == 0) {
+            throw std::invalid_argument("--refuse: the chip knows no \"" + name + "\"");
         }
+        all.insert(name);
     }
     return all;
 }
@@ -70,6 +68,10 @@ int serve(CuseNode& fabric, CuseNode& bde, int readyPipe) {
             static_cast<void>(::write(readyPipe, "", 1));
             ::close(readyPipe);
             readyPipe = -1;
+            // Whoever loaded the module may wait for the end of its output: let go of it.
+            const int null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+            ::dup2(null, STDERR_FILENO);
+            ::close(null);
         }
         if (::poll(fds, 2, -1) < 0) {
             if (errno == EINTR) {
@@ -105,6 +107,10 @@ int detached(int* readyPipe) {
     }
     ::close(fds[0]);
     ::setsid();
+    const int null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    ::dup2(null, STDIN_FILENO);
+    ::dup2(null, STDOUT_FILENO);
+    ::close(null);
     *readyPipe = fds[1];
     return 0;
 }

@@ -32,18 +32,20 @@ finish() {
 # The filter tables and the matches the example rule sets use.
 filters="ip_tables iptable_filter ip6_tables ip6table_filter xt_tcpudp xt_conntrack"
 # The guest kernel's modules are in the host's cache of it (scripts/vm-kernel.sh).
-if ! modprobe -a -d "$KESTRUNE_GUEST_MODULES" 8021q sch_prio tun veth $filters; then
-    echo "vm tier: the guest cannot load its modules (8021q sch_prio tun veth $filters)"
+if ! modprobe -a -d "$KESTRUNE_GUEST_MODULES" 8021q sch_prio tun veth cuse $filters; then
+    echo "vm tier: the guest cannot load its modules (8021q sch_prio tun veth cuse $filters)"
     finish
 fi
 
-# The guest kernel has no nftables families: the iptables tools must be the legacy ones.
-mkdir $scratch/bin
+# The guest kernel has no nftables families: the iptables tools must be the legacy ones. They
+# are linked outside /dev and /run, which the production tier's tests mount afresh.
+tools=/mnt
+mount -t tmpfs tmpfs $tools
 for tool in iptables iptables-save iptables-restore ip6tables ip6tables-save ip6tables-restore; do
     family=${tool%%-*}
-    ln -s "/usr/sbin/$family-legacy${tool#"$family"}" "$scratch/bin/$tool"
+    ln -s "/usr/sbin/$family-legacy${tool#"$family"}" "$tools/$tool"
 done
-PATH=$scratch/bin:$PATH
+PATH=$tools:$PATH
 
 cd "$KESTRUNE_GUEST_CWD" || cd /
 . $scratch/out/command

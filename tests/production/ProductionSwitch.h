@@ -1,0 +1,50 @@
+#pragma once
+
+#include "CliRun.h"
+#include "PrivateNetwork.h"
+#include "Scenario.h"
+
+#include <functional>
+#include <memory>
+#include <rapidjson/document.h>
+#include <string>
+
+namespace Kestrune::Testing {
+
+// A switch as the shipped restore meets it, in a guest whose kernel serves the chip through
+// the chip device daemon: /dev a plain tmpfs holding only what any system has (the chip's
+// nodes are the restore's own mknod to make), real /sbin/modprobe reaching the daemon through
+// an install line in /etc/modprobe.d/, the chip's tools on PATH, and SIMULATION_VMID unset.
+// Each test gets its own network and mount namespaces; the daemon is stopped after it.
+class ProductionSwitch : public PrivateNetwork {
+  protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // Makes the DMA module of the family ("strata" or "sand") load the daemon, refusing what
+    // `refused` names (comma-separated, see the chip's fault names), or run `command` instead.
+    void moduleIs(const std::string& family, const std::string& refused = "");
+    void moduleCommandIs(const std::string& module, const std::string& command);
+    // Loads the module now, as a system that had it before the restore.
+    void moduleLoaded(const std::string& family);
+
+    // The store the restore will read: an example, edited.
+    void storeIs(const std::string& example,
+                 const std::function<void(rapidjson::Document&)>& edit = {});
+    // `kestrune restore` of that store, every trace level on.
+    CliResult restore();
+
+    std::string file(const std::string& name) const { return dir_->file(name); }
+    std::vector<std::string> chipLog() const { return linesOf(file("chip.log")); }
+    // What the kernel holds after the restore, as text: every namespace's devices (kind, MTU,
+    // MAC, state, root qdisc, addresses) and filter rules.
+    static std::string kernelText();
+    // The expected file in tests/production/expected/; also writes `actual` beside it in
+    // $KESTRUNE_ACTUAL_DIR when that is set, to review a change.
+    static std::string expected(const std::string& name, const std::string& actual);
+
+  private:
+    std::unique_ptr<TempDir> dir_;
+};
+
+} // namespace Kestrune::Testing

@@ -1,0 +1,141 @@
+#include "ProductionSwitch.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+namespace Kestrune::Testing {
+namespace {
+
+std::string joined(const std::vector<std::string>& lines) {
+    std::string text;
+    for (const std::string& line : lines) {
+        text += line + "\n";
+    }
+    return text;
+}
+
+bool has(const std::vector<std::string>& lines, const std::string& line) {
+    return std::find(lines.begin(), lines.end(), line) != lines.end();
+}
+
+// The restore of each example as a switch runs it: the chip hears exactly the expected
+// sequence through its character devices, and the kernel ends up holding the store's state.
+class ExampleRestore : public ProductionSwitch,
+                       public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(ExampleRestore, TheChipHearsTheExpectedSequenceAndTheKernelHoldsTheStore) {
+    const std::string example = GetParam();
+    moduleIs(example);
+    storeIs(example);
+    const CliResult result = restore();
+    EXPECT_TRUE(result.exited) << "ended by signal " << result.signal;
+    // The chip hears what the in-process simulator hears, after its module's load.
+    const std::string chip = joined(chipLog());
+    const std::string load =
+        example == "strata" ? "load strata-dma-drv app_en=0\n" : "load sand-dma\n";
+    EXPECT_EQ(chip, load + contentOf(std::string(KESTRUNE_SOURCE_DIR) + "/tests/vm/expected/" +
+                                     example + "-example-chip.log"));
+    const std::string kernel = kernelText();
+    EXPECT_EQ(kernel, expected(example + "-kernel.txt", kernel));
+    // The switch's sequence, in its order, through the real devices.
+    const std::vector<std::string> lines = result.traces;
+    EXPECT_TRUE(has(lines, "Kestrune:0 setupBdeDevice kovana-bde  driver loaded."));
+    struct stat node {};
+    ASSERT_EQ(stat("/dev/fabric", &node), 0);
+    EXPECT_EQ(node.st_mode, S_IFCHR | 0666);
+    EXPECT_EQ(node.st_rdev, makedev(240, 0));
+    ASSERT_EQ(stat("/dev/kovana-bde", &node), 0);
+    EXPECT_EQ(node.st_mode, S_IFCHR | 0666);
+    EXPECT_EQ(node.st_rdev, makedev(127, 0));
+}
+
+INSTANTIATE_TEST_SUITE_P(Production, ExampleRestore, ::testing::Values("strata", "sand"));
+
+} // namespace
+} // namespace Kestrune::Testing
+
+namespace Kestrune::Testing {
+namespace {
+
+// A switch whose DMA module and nodes are already there (a restore run twice, or a system
+// that loads the module itself): no module load, no node, no prio qdisc on fabric.
+TEST_F(ProductionSwitch, AFabricDeviceAlreadyThereSkipsTheModuleTheNodeAndTheQdisc) {
+    moduleLoaded("strata");
+    storeIs("strata");
+    const CliResult result = restore();
+    EXPECT_TRUE(result.exited);
+    const std::vector<std::string> chip = chipLog();
+    EXPECT_EQ(std::count_if(chip.begin(), chip.end(),
+                            [](const std::string& line) { return line.rfind("load ", 0) == 0; }),
+              1);
+    for (const std::string& line : result.traces) {
+        EXPECT_EQ(line.find("setupFabricDevice Loading"), std::string::npos) << line;
+        EXPECT_EQ(line.find("strata-dma-drv driver loaded."), std::string::npos) << line;
+    }
+    const std::string kernel = kernelText();
+    const std::size_t fabric = kernel.find("  fabric ");
+    ASSERT_NE(fabric, std::string::npos);
+    EXPECT_EQ(kernel.substr(fabric, kernel.find('\n', fabric) - fabric).find("prio"),
+              std::string::npos);
+}
+
+// What the chip's devices take from whoever opens them: a node made otherwise than the
+// platform's bring-up makes it, or opened otherwise, is refused and said in the chip log.
+struct NodeCase {
+    const char* name;
+    const char* path;
+    mode_t mode;
+    unsigned major;
+    int flags;
+    int error;        // errno of the open
+    const char* said; // the chip log's last line, "" when the chip never hears of it
+};
+
+std::ostream& operator<<(std::ostream& out, const NodeCase& node) {
+    return out << node.name;
+}
+
+class ChipNodes : public ProductionSwitch, public ::testing::WithParamInterface<NodeCase> {};
+
+TEST_P(ChipNodes, ANodeOrOpenUnlikeTheBringUpsIsRefused) {
+    const NodeCase& node = GetParam();
+    moduleLoaded("strata");
+    ASSERT_EQ(unlink(node.path), 0);
+    const mode_t mask = umask(0);
+    ASSERT_EQ(mknod(node.path, S_IFCHR | node.mode, makedev(node.major, 0)), 0);
+    umask(mask);
+    const int fd = open(node.path, node.flags);
+    const int error = errno;
+    if (fd >= 0) {
+        close(fd);
+    }
+    EXPECT_LT(fd, 0);
+    EXPECT_EQ(error, node.error) << std::strerror(error);
+    const std::vector<std::string> chip = chipLog();
+    EXPECT_EQ(chip.back(), node.said[0] != '\0' ? std::string(node.said) : "load strata-dma-drv");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Production, ChipNodes,
+    ::testing::Values(
+        NodeCase{"BdeModeNot0666", "/dev/kovana-bde", 0644, 127, O_RDWR | O_SYNC, EACCES,
+                 "refused open of /dev/kovana-bde: the node has mode 0644, not 0666"},
+        NodeCase{"FabricModeNot0666", "/dev/fabric", 0600, 240, O_RDWR, EACCES,
+                 "refused open of /dev/fabric: the node has mode 0600, not 0666"},
+        NodeCase{"BdeWithoutSync", "/dev/kovana-bde", 0666, 127, O_RDWR, EACCES,
+                 "refused open of /dev/kovana-bde: not opened with O_SYNC"},
+        NodeCase{"FabricReadOnly", "/dev/fabric", 0666, 240, O_RDONLY, EACCES,
+                 "refused open of /dev/fabric: not opened read-write"},
+        NodeCase{"BdeUnderAnUnservedMajor", "/dev/kovana-bde", 0666, 126, O_RDWR | O_SYNC, ENXIO,
+                 ""},
+        NodeCase{"FabricUnderAnUnservedMajor", "/dev/fabric", 0666, 241, O_RDWR, ENXIO, ""}),
+    [](const ::testing::TestParamInfo<NodeCase>& info) { return info.param.name; });
+
+} // namespace
+} // namespace Kestrune::Testing
