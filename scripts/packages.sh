@@ -6,7 +6,7 @@ packages=(
     clang clang-format clang-tidy libclang-rt-14-dev
     rapidjson-dev libmnl-dev libsqlite3-dev libcli11-dev libgtest-dev libgmock-dev
     sqlite3 iproute2 iptables
-    qemu-system-x86 cpio kmod busybox-static
+    qemu-system-x86 cpio kmod busybox-static libfuse3-dev debootstrap
 )
 
 install_packages() {

@@ -141,6 +141,9 @@ CliResult ProductionSwitch::restore() {
 }
 
 std::string ProductionSwitch::kernelText() {
+    // The kernel settles a device's operational state up to a second after its carrier
+    // changes (the TAP devices of the VRFs lose theirs when the restore's process ends).
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
     const std::vector<Cli::NamespaceState> state = Cli::kernelState();
     std::string text = Cli::kernelStateTable(state);
     for (const Cli::NamespaceState& ns : state) {

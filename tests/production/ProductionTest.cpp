@@ -41,6 +41,8 @@ TEST_P(ExampleRestore, TheChipHearsTheExpectedSequenceAndTheKernelHoldsTheStore)
         example == "strata" ? "load strata-dma-drv app_en=0\n" : "load sand-dma\n";
     EXPECT_EQ(chip, load + contentOf(std::string(KESTRUNE_SOURCE_DIR) + "/tests/vm/expected/" +
                                      example + "-example-chip.log"));
+    // The VRFs' routed ports read DOWN: they are TAP devices whose queues the restore's process
+    // held, and it has ended. The chip's own devices stay up: the daemon holds them.
     const std::string kernel = kernelText();
     EXPECT_EQ(kernel, expected(example + "-kernel.txt", kernel));
     // The switch's sequence, in its order, through the real devices.
