@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <string_view>
+#include <optional>
 #include <unordered_map>
 
 namespace Kestrune {
@@ -90,12 +91,21 @@ void ConfigParser::doExtractPellInfo(const Config::Ptr& config) {
         return;
     }
     // Each member's flags are looked up by name; an index keeps that from growing with the
-    // square of the member count. The first entry of a name wins, as in a member lookup.
-    std::unordered_map<std::string_view, const rapidjson::Value*> flagsOf;
-    for (const auto& entry : flags->GetObject()) {
-        flagsOf.try_emplace(std::string_view(entry.name.GetString(), entry.name.GetStringLength()),
-                            &entry.value);
-    }
+    // square of the member count. The first entry of a name wins, as in a member lookup. It is
+    // made at the first lookup: flags no member is looked up in are never read.
+    std::optional<std::unordered_map<std::string_view, const rapidjson::Value*>> flagsOf;
+    const auto flagsFor = [&](const std::string& name) -> const rapidjson::Value* {
+        if (!flagsOf) {
+            flagsOf.emplace();
+            for (const auto& entry : flags->GetObject()) {
+                flagsOf->try_emplace(
+                    std::string_view(entry.name.GetString(), entry.name.GetStringLength()),
+                    &entry.value);
+            }
+        }
+        const auto found = flagsOf->find(name);
+        return found != flagsOf->end() ? found->second : nullptr;
+    };
     for (const auto& lagEntry : lags->GetObject()) {
         const std::string lagName = textOf(lagEntry.name);
         if (!startsWith(lagName, "Port-Channel")) {
@@ -116,13 +126,13 @@ void ConfigParser::doExtractPellInfo(const Config::Ptr& config) {
                 TRACE(0) << "Skipping member " << name << " of " << lagName;
                 continue;
             }
-            auto state = flagsOf.find(name);
-            if (state == flagsOf.end()) {
+            const rapidjson::Value* state = flagsFor(name);
+            if (state == nullptr) {
                 report("Missing collectDistribute flags for member " + name);
                 continue;
             }
-            const bool collecting = (*state->second)["collecting"].GetBool();
-            const bool distributing = (*state->second)["distributing"].GetBool();
+            const bool collecting = (*state)["collecting"].GetBool();
+            const bool distributing = (*state)["distributing"].GetBool();
             if (!lag) {
                 lag = lagInterfaceFactory(lagName);
                 lag->interfaceTypeIs(InterfaceType::Lag_);

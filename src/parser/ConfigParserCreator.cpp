@@ -23,11 +23,12 @@ std::string storePath() {
 } // namespace
 
 ConfigParser::Ptr ConfigParserCreator::create() {
-    TRACE(3) << "create";
     return createFrom(storePath());
 }
 
+// Every way in traces as the restore's does from its first line, whoever names the file.
 ConfigParser::Ptr ConfigParserCreator::createFrom(const std::string& path) {
+    TRACE(3) << "create";
     TRACE(3) << "create"
              << " pstore file= " << path;
 

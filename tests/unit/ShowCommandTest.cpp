@@ -134,5 +134,18 @@ TEST(ShowCommand, TableAndFailures) {
     EXPECT_EQ(status, 2);
 }
 
+// An engineer compares `show`'s trace with a restore's: it is the restore's from its first line.
+TEST(ShowCommand, TracesTheStoreLoadingAsTheRestoreDoes) {
+    int status = -1;
+    const std::string trace = shellOutput(
+        cli() + " show --trace 3 " + example("sand.json") + " 2>&1 >/dev/null", &status);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(trace.rfind("Kestrune:3 create\nKestrune:3 create pstore file= " +
+                              example("sand.json") + "\nKestrune:3 create Creating sand config parser\n",
+                          0),
+              0U)
+        << trace;
+}
+
 } // namespace
 } // namespace Kestrune
