@@ -40,6 +40,8 @@ TEST(StrataParser, ReadsModulesAndSkipsIncompleteDevices) {
                    "'BCM56960'})",
                    "1"}}));
     EXPECT_EQ(outcome.model["<config>"]["platformType"], "'Strata'");
+    // The platform section is looked up by the parse itself and by the module and port steps.
+    EXPECT_EQ(outcome.platformLookups, 2);
 }
 
 TEST(StrataParser, ReadsPortsAndDropsIncompleteOnes) {
@@ -129,6 +131,8 @@ TEST(SandParser, ReadsDriverParamsDevicesAndPorts) {
     EXPECT_EQ(port["deviceName"], "'Fap9'") << "a port naming no device is still created";
     EXPECT_EQ(port["dot1qTunnel"], "7");
     EXPECT_EQ(outcome.model.count("Ethernet1/2"), 0U);
+    // The driver parameters, devices and ports steps each look the platform section up.
+    EXPECT_EQ(outcome.platformLookups, 3);
 }
 
 TEST(SandParser, IncompleteDriverParamsSetNoneAndAMissingSectionIsReportedPerStep) {

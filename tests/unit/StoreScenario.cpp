@@ -64,8 +64,9 @@ ParseOutcome parseIn(const TempDir& dir, Family family, const std::string& store
     bool started = false;
     for (const auto& line : result.process.traces) {
         started = started || line == "Kestrune:0 parse";
-        if (started && line != "Kestrune:0 parse" && line != "Kestrune:0 Found strata" &&
-            line != "Kestrune:0 Found sand") {
+        const bool lookup = line == "Kestrune:0 Found strata" || line == "Kestrune:0 Found sand";
+        result.platformLookups += started && lookup ? 1 : 0;
+        if (started && line != "Kestrune:0 parse" && !lookup) {
             result.traces.push_back(line);
         }
     }

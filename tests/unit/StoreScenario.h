@@ -14,8 +14,10 @@ using ModelText = std::map<std::string, std::map<std::string, std::string>>;
 
 struct ParseOutcome {
     Outcome process;
-    // The trace lines from the parse on, without the platform-section lookups.
+    // The trace lines from the parse on, without the platform-section lookups ("Found
+    // strata", "Found sand"), which are counted instead.
     std::vector<std::string> traces;
+    int platformLookups = 0;
     ModelText model;
 };
 
