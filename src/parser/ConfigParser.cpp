@@ -8,8 +8,8 @@
 #include "util/Trace.h"
 
 #include <algorithm>
-#include <string_view>
 #include <optional>
+#include <string_view>
 #include <unordered_map>
 
 namespace Kestrune {

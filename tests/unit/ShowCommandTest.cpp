@@ -140,10 +140,11 @@ TEST(ShowCommand, TracesTheStoreLoadingAsTheRestoreDoes) {
     const std::string trace = shellOutput(
         cli() + " show --trace 3 " + example("sand.json") + " 2>&1 >/dev/null", &status);
     EXPECT_EQ(status, 0);
-    EXPECT_EQ(trace.rfind("Kestrune:3 create\nKestrune:3 create pstore file= " +
-                              example("sand.json") + "\nKestrune:3 create Creating sand config parser\n",
-                          0),
-              0U)
+    EXPECT_EQ(
+        trace.rfind("Kestrune:3 create\nKestrune:3 create pstore file= " + example("sand.json") +
+                        "\nKestrune:3 create Creating sand config parser\n",
+                    0),
+        0U)
         << trace;
 }
 
