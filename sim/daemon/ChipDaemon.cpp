@@ -127,8 +127,12 @@ int main(int argc, char** argv) {
     app.add_option("--module", options.module, "The module this daemon stands for (logged)");
     app.add_option("--chip-log", options.chipLog, "Where to write the chip log");
     app.add_option("--pid-file", options.pidFile, "Where to write the daemon's process id");
+    std::string faults;
+    for (const std::string& name : Chip::faultNames()) {
+        faults += (faults.empty() ? "" : ", ") + name;
+    }
     app.add_option("--refuse", options.refused,
-                   "Rehearse a chip in trouble: what to refuse, comma-separated");
+                   "Rehearse a chip in trouble: what to refuse, comma-separated, of " + faults);
     app.add_flag("--foreground", options.foreground, "Stay in the foreground");
     app.add_option("parameters", options.parameters, "The module parameters (logged)");
     CLI11_PARSE(app, argc, argv);
