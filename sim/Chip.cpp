@@ -91,7 +91,7 @@ Chip::Family Chip::familyNamed(const std::string& name) {
 const std::set<std::string>& Chip::faultNames() {
     static const std::set<std::string> names = [] {
         std::set<std::string> all{"adddevice", "interrupts", "bde-reopen", "fabric-mac",
-                                  "fabric-up", "port-mac",   "port-up"};
+                                  "fabric-up", "port-mac",   "port-up",    "port-mtu"};
         for (const CommandTable* table : {&strataCommands(), &sandCommands()}) {
             for (const auto& [name, shape] : *table) {
                 all.insert(name);
@@ -201,9 +201,10 @@ int Chip::fabricCommand(const std::string& command) {
 }
 
 int Chip::newCpuDevice(const std::string& name) {
-    const auto kind = refuses("port-mac")  ? ChipPorts::Kind::noMac
-                      : refuses("port-up") ? ChipPorts::Kind::noUp
-                                           : ChipPorts::Kind::ethernet;
+    const auto kind = refuses("port-mac")   ? ChipPorts::Kind::noMac
+                      : refuses("port-up")  ? ChipPorts::Kind::noUp
+                      : refuses("port-mtu") ? ChipPorts::Kind::jumbo
+                                            : ChipPorts::Kind::ethernet;
     if (ports_.made(name, kind) != 0) {
         const int error = errno;
         TRACE(0) << "chip: cannot make the CPU device " << name << ": " << std::strerror(error);

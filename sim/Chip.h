@@ -32,7 +32,8 @@ class Chip {
     // Rehearses a chip in trouble; each name makes one thing fail: a fabric command's name
     // (refused after it is logged), "adddevice" and "interrupts" (the bde requests),
     // "fabric-mac" and "fabric-up" (the fabric device refuses a MAC or coming up), "port-mac"
-    // and "port-up" (so do the CPU devices of "ifadd"); "bde-reopen" (the bde node takes one
+    // and "port-up" (so do the CPU devices of "ifadd"), "port-mtu" (those take no frames larger
+    // than the CPU frame size); "bde-reopen" (the bde node takes one
     // open only; the character-device daemon checks it).
     static const std::set<std::string>& faultNames();
 

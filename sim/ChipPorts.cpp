@@ -51,10 +51,15 @@ int ChipPorts::made(const std::string& name, Kind kind) {
         errno = queues_.count(name) != 0 ? EEXIST : EINVAL;
         return -1;
     }
-    if (kind == Kind::noUp) {
-        // The lower device is never brought up, so the VLAN device over it cannot come up.
+    if (kind == Kind::noUp || kind == Kind::jumbo) {
+        // A VLAN device cannot come up over a lower device that is down, nor take frames
+        // larger than it does.
         const std::string lower = "chip" + std::to_string(queues_.size());
         if (queue(lower, true) != 0) {
+            return -1;
+        }
+        if (kind == Kind::jumbo &&
+            (!setMtu(lower.c_str(), cpuMtu, socket_) || !setDevUp(lower.c_str(), socket_))) {
             return -1;
         }
         const int made = makeVlanDevice(lower, name, 1, netlink_, DEFAULT_NS);

@@ -17,6 +17,7 @@ class ChipPorts {
         ethernet,
         noMac, // a point-to-point device: setting a MAC address is refused
         noUp,  // a VLAN device over a lower device that is down: coming up is refused
+        jumbo, // a VLAN device over a lower device of the CPU frame size: no larger MTU
     };
 
     ChipPorts();

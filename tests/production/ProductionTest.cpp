@@ -141,3 +141,32 @@ INSTANTIATE_TEST_SUITE_P(
 
 } // namespace
 } // namespace Kestrune::Testing
+
+namespace Kestrune::Testing {
+namespace {
+
+// A member distributing but not collecting is state 2 on the chip; the VRFs are collected
+// member by member before the default namespace is mounted.
+TEST_F(ProductionSwitch, AMemberDistributingOnlyIsStateTwoAndTheVrfsAreTraced) {
+    moduleIs("strata");
+    storeIs("strata", [](rapidjson::Document& store) {
+        auto& flags = store["Pell"]["collectDistribute"]["Ethernet1/16"];
+        flags["collecting"].SetBool(false);
+        flags["distributing"].SetBool(true);
+    });
+    const CliResult result = restore();
+    EXPECT_TRUE(result.exited);
+    EXPECT_TRUE(has(chipLog(), "fabric lagmemberupdate 2 0 16 2"));
+    const auto& lines = result.traces;
+    const auto collected =
+        std::find(lines.begin(), lines.end(),
+                  "Kestrune:9 doCreateVrfs ns-red added to collection for Ethernet1/2");
+    const auto mounting =
+        std::find(lines.begin(), lines.end(), "Kestrune:3 doCreateVrfs Mounting default Namespace");
+    EXPECT_NE(collected, lines.end());
+    EXPECT_NE(mounting, lines.end());
+    EXPECT_LT(collected, mounting);
+}
+
+} // namespace
+} // namespace Kestrune::Testing

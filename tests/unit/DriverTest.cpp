@@ -6,6 +6,7 @@
 #include "driver/ZelVrfCreate.h"
 #include "model/Config.h"
 #include "model/SubInterface.h"
+#include "platform/StrataDriver.h"
 #include "util/Namespace.h"
 #include "util/Trace.h"
 
@@ -39,6 +40,18 @@ TEST(DriverCreator, AnyOtherPlatformTypeGivesNoDriverAndSaysNothingMore) {
         EXPECT_EQ(driver, nullptr) << type;
         EXPECT_EQ(traces,
                   std::vector<std::string>{"Kestrune:3 create platform = " + std::string(type)});
+    }
+}
+
+// The LAG id the chip is told: the number of "Port-Channel%d", else -1, sent as it is.
+TEST(StrataLagId, IsTheNumberAfterPortChannelOrMinusOne) {
+    const std::pair<const char*, int> cases[] = {
+        {"Port-Channel12", 12}, {"Port-Channel0", 0},  {"Port-Channel-3", -3},
+        {"Port-Channel", -1},   {"Port-Channelx", -1}, {"Ethernet1/1", -1},
+        {"", -1},               {"Port-Channel7.100", 7},
+    };
+    for (const auto& [name, id] : cases) {
+        EXPECT_EQ(getLagIdFromName(name), id) << name;
     }
 }
 
