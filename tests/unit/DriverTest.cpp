@@ -46,9 +46,14 @@ TEST(DriverCreator, AnyOtherPlatformTypeGivesNoDriverAndSaysNothingMore) {
 // The LAG id the chip is told: the number of "Port-Channel%d", else -1, sent as it is.
 TEST(StrataLagId, IsTheNumberAfterPortChannelOrMinusOne) {
     const std::pair<const char*, int> cases[] = {
-        {"Port-Channel12", 12}, {"Port-Channel0", 0},  {"Port-Channel-3", -3},
-        {"Port-Channel", -1},   {"Port-Channelx", -1}, {"Ethernet1/1", -1},
-        {"", -1},               {"Port-Channel7.100", 7},
+        {"Port-Channel12", 12},
+        {"Port-Channel0", 0},
+        {"Port-Channel-3", -3},
+        {"Port-Channel", -1},
+        {"Port-Channelx", -1},
+        {"Ethernet1/1", -1},
+        {"", -1},
+        {"Port-Channel7.100", 7},
     };
     for (const auto& [name, id] : cases) {
         EXPECT_EQ(getLagIdFromName(name), id) << name;
