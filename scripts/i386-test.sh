@@ -20,6 +20,8 @@ unmount() {
     done
 }
 trap unmount EXIT
+# A run that is stopped still lets go of the root.
+trap 'exit 130' INT TERM
 attach() { # attach TYPE-OR-bind SOURCE TARGET
     mkdir -p "$3"
     if [ "$1" = bind ]; then

@@ -90,8 +90,9 @@ Chip::Family Chip::familyNamed(const std::string& name) {
 
 const std::set<std::string>& Chip::faultNames() {
     static const std::set<std::string> names = [] {
-        std::set<std::string> all{"adddevice", "interrupts", "bde-reopen", "fabric-mac",
-                                  "fabric-up", "port-mac",   "port-up",    "port-mtu"};
+        std::set<std::string> all{"adddevice",    "interrupts", "bde-reopen", "fabric-mac",
+                                  "fabric-up",    "port-mac",   "port-up",    "port-mtu",
+                                  "fabric-reset", "port-reset"};
         for (const CommandTable* table : {&strataCommands(), &sandCommands()}) {
             for (const auto& [name, shape] : *table) {
                 all.insert(name);
@@ -192,7 +193,11 @@ int Chip::fabricCommand(const std::string& command) {
         return -1;
     }
     try {
-        return family_ == Family::strata ? strataCommand(words) : sandCommand(words);
+        const int result = family_ == Family::strata ? strataCommand(words) : sandCommand(words);
+        if (result == 0) {
+            afterCommand(words);
+        }
+        return result;
     } catch (const std::out_of_range&) {
         // A number the driver's 32-bit fields cannot hold.
         errno = ERANGE;
@@ -200,11 +205,20 @@ int Chip::fabricCommand(const std::string& command) {
     }
 }
 
+void Chip::afterCommand(const std::vector<std::string>& words) {
+    if (words[0] == "ifadd" && refuses("fabric-reset") && !fabricReset_) {
+        fabricReset_ = ports_.reset("fabric");
+    }
+    if (words[0] == "internalvlan" && refuses("port-reset")) {
+        ports_.reset(family_ == Family::strata ? words[1] : words[2]);
+    }
+}
+
 int Chip::newCpuDevice(const std::string& name) {
-    const auto kind = refuses("port-mac")   ? ChipPorts::Kind::noMac
-                      : refuses("port-up")  ? ChipPorts::Kind::noUp
-                      : refuses("port-mtu") ? ChipPorts::Kind::jumbo
-                                            : ChipPorts::Kind::ethernet;
+    const auto kind = refuses("port-mac")                            ? ChipPorts::Kind::noMac
+                      : refuses("port-up")                           ? ChipPorts::Kind::noUp
+                      : refuses("port-mtu") || refuses("port-reset") ? ChipPorts::Kind::jumbo
+                                                                     : ChipPorts::Kind::ethernet;
     if (ports_.made(name, kind) != 0) {
         const int error = errno;
         TRACE(0) << "chip: cannot make the CPU device " << name << ": " << std::strerror(error);

@@ -33,8 +33,9 @@ class Chip {
     // (refused after it is logged), "adddevice" and "interrupts" (the bde requests),
     // "fabric-mac" and "fabric-up" (the fabric device refuses a MAC or coming up), "port-mac"
     // and "port-up" (so do the CPU devices of "ifadd"), "port-mtu" (those take no frames larger
-    // than the CPU frame size); "bde-reopen" (the bde node takes one
-    // open only; the character-device daemon checks it).
+    // than the CPU frame size), "fabric-reset" (the chip takes the fabric device down at its
+    // first "ifadd"), "port-reset" (it takes a port down, for good, at its "internalvlan");
+    // "bde-reopen" (the bde node takes one open only; the character-device daemon checks it).
     static const std::set<std::string>& faultNames();
 
     // Makes the "fabric" device, as loading the DMA module does, and starts the chip log at
@@ -85,6 +86,8 @@ class Chip {
     int strataCommand(const std::vector<std::string>& words);
     int sandCommand(const std::vector<std::string>& words);
     int newCpuDevice(const std::string& name);
+    // What a chip in trouble does once a command has taken.
+    void afterCommand(const std::vector<std::string>& words);
 
     struct Fap {
         std::string pciName;
@@ -96,6 +99,7 @@ class Chip {
     std::set<std::string> refused_;
     std::FILE* log_ = nullptr;
     ChipPorts ports_;
+    bool fabricReset_ = false;
     std::map<int, std::map<std::pair<int, int>, LagMember>> lags_;
     std::map<std::string, std::map<int, int>> vlans_;
     std::optional<std::array<int, 3>> driverParams_;

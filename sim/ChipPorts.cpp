@@ -68,11 +68,24 @@ int ChipPorts::made(const std::string& name, Kind kind) {
             return -1;
         }
         queues_[name] = -1;
+        lowers_[name] = lower;
     } else if (queue(name, kind == Kind::ethernet) != 0) {
         return -1;
     }
     setMtu(name.c_str(), cpuMtu, socket_);
     return 0;
+}
+
+bool ChipPorts::reset(const std::string& name) {
+    const auto lower = lowers_.find(name);
+    const std::string device = lower != lowers_.end() ? lower->second : name;
+    ifreq request{};
+    device.copy(request.ifr_name, IFNAMSIZ - 1);
+    if (ioctl(socket_, SIOCGIFFLAGS, &request) < 0) {
+        return false;
+    }
+    request.ifr_flags = static_cast<short>(request.ifr_flags & ~IFF_UP);
+    return ioctl(socket_, SIOCSIFFLAGS, &request) == 0;
 }
 
 } // namespace Kestrune::Sim

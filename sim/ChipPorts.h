@@ -7,7 +7,7 @@ namespace Kestrune::Sim {
 
 // The CPU net devices a chip's kernel driver makes, in the calling thread's namespace, with
 // the chip's jumbo frame size. They are TAP devices whose queues this object holds, so they
-// keep carrier for as long as the chip lives. Two faulty kinds rehearse a driver in trouble.
+// keep carrier for as long as the chip lives. Faulty kinds rehearse a driver in trouble.
 class ChipPorts {
   public:
     // The CPU devices' frame size: jumbo, as the chip's CPU ports take.
@@ -28,13 +28,17 @@ class ChipPorts {
     // 0, or -1 with errno (EEXIST when the chip made that device already).
     int made(const std::string& name, Kind kind);
     bool has(const std::string& name) const { return queues_.count(name) != 0; }
+    // Takes the device down, as a chip resetting its port does: the device itself, or for a
+    // VLAN kind its lower device, so that the device cannot come up again.
+    bool reset(const std::string& name);
 
   private:
     int queue(const std::string& name, bool ethernet);
 
     int socket_ = -1;
     int netlink_ = -1;
-    std::map<std::string, int> queues_; // device (or its hidden lower device) -> its queue
+    std::map<std::string, int> queues_;         // device (or its hidden lower device) -> its queue
+    std::map<std::string, std::string> lowers_; // a VLAN kind's device -> its lower device
 };
 
 } // namespace Kestrune::Sim
