@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -166,6 +168,30 @@ TEST_F(ProductionSwitch, AMemberDistributingOnlyIsStateTwoAndTheVrfsAreTraced) {
     EXPECT_NE(collected, lines.end());
     EXPECT_NE(mounting, lines.end());
     EXPECT_LT(collected, mounting);
+}
+
+} // namespace
+} // namespace Kestrune::Testing
+
+namespace Kestrune::Testing {
+namespace {
+
+// Where named namespaces cannot be made, the default one cannot be mounted either, and the
+// restore cannot come back to it: it ends on the written assertion, recorded.
+TEST_F(ProductionSwitch, NoRoomForNamedNamespacesEndsTheRestoreOnTheWrittenAssertion) {
+    moduleIs("strata");
+    storeIs("strata");
+    ASSERT_EQ(mkdir("/run/netns", 0755), 0);
+    ASSERT_EQ(mount("kestrune-netns", "/run/netns", "tmpfs", MS_RDONLY, "mode=0755"), 0);
+    const CliResult result = restore();
+    umount2("/run/netns", MNT_DETACH);
+    EXPECT_EQ(result.signal, SIGABRT);
+    ASSERT_FALSE(result.recorded.empty());
+    EXPECT_NE(result.recorded.back().find(
+                  "assertion failed: switchToNs(DEFAULT_NS) == 0 && \"setns to default namespace "
+                  "failed\""),
+              std::string::npos)
+        << result.recorded.back();
 }
 
 } // namespace
