@@ -90,6 +90,7 @@ TEST(DriverSequence, WhatMustNeverHappenEndsTheProcessOnTheWrittenAssertion) {
         const char* what;
         std::function<void()> body;
         const char* assertion;
+        const char* said = ""; // on standard error before the assertion, "" for nothing
     } cases[] = {
         {"a port on a driver without its platform's operations",
          [] {
@@ -129,13 +130,28 @@ TEST(DriverSequence, WhatMustNeverHappenEndsTheProcessOnTheWrittenAssertion) {
         {"moving an interface that has no layer-3 device",
          [] {
              auto config = configWith("Port-Channel1", InterfaceType::Lag_);
+             config->interface("Port-Channel1")->netNsNameIs("ns-red");
              ZelVrfCreate().doMoveIntfToNetNs(config->interface("Port-Channel1").get(), 0);
          },
-         "!\"false\""},
+         "!\"false\"", "Failed(false) Trying to move Port-Channel1 of type Lag to ns-red\n"},
+        {"placing a routed port that has no namespace",
+         [] {
+             auto config = configWith("Ethernet1", InterfaceType::RoutedPort_);
+             config->interface("Ethernet1")->netNsNameIs("");
+             auto driver = driverFactory(config);
+             driver->createdIs("Ethernet1", true);
+             driver->moveIntfsToCorrectNs();
+         },
+         "!\"itr->netNsName() != \\\"\\\"\"",
+         "Failed(itr->netNsName() != \"\") Ethernet1 of type RoutedPort has invalid netNsName\n"},
     };
     for (const auto& c : cases) {
         const TempDir dir;
-        const Outcome outcome = runProcess(dir, c.body);
+        const Outcome outcome = runProcess(dir, [&] {
+            static_cast<void>(std::freopen(dir.file("stderr").c_str(), "w", stderr));
+            c.body();
+        });
+        EXPECT_EQ(contentOf(dir.file("stderr")).rfind(c.said, 0), 0U) << c.what;
         EXPECT_EQ(outcome.signal, SIGABRT) << c.what;
         ASSERT_FALSE(outcome.events.empty()) << c.what;
         EXPECT_EQ(outcome.events.back().group, "Assertion") << c.what;
