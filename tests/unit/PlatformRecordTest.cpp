@@ -5,9 +5,44 @@
 #include <limits>
 #include <sstream>
 #include <stdexcept>
+#include <vector>
 
 namespace Kestrune {
 namespace {
+
+// The module hash is a fixed mix that stores and tools depend on: modId shifted by busId + 16
+// modulo 32, in 32 bits, the chip model left out.
+TEST(StrataModules, HashAsTheToolsDo) {
+    const std::pair<StrataModule, std::uint32_t> cases[] = {
+        {{3, 0, "x"}, 196608U},          {{3, 16, "x"}, 3U},
+        {{1, 47, ""}, 2147483648U},      {{0xFFFF, 8, "a"}, 0xFF000000U},
+        {{0xFFFF, 7, "a"}, 0xFF800000U}, {{3, 0, "bcm56850"}, 196608U},
+    };
+    for (const auto& [module, hash] : cases) {
+        EXPECT_EQ(module.hash(), hash) << module;
+    }
+}
+
+// The chip set is iterated by modId, then busId, then model: the order in which the chips are
+// added and their bus bytes go into the enable-interrupts record. Modules that differ only in
+// their model hash alike and are still two chips.
+TEST(StrataModules, AreOrderedByModIdThenBusIdThenModel) {
+    StrataConfig config;
+    for (const StrataModule& module :
+         {StrataModule{2, 1, "b"}, StrataModule{1, 9, "a"}, StrataModule{2, 1, "a"},
+          StrataModule{1, 3, "z"}, StrataModule{2, 0, "z"}, StrataModule{1, 3, "z"}}) {
+        config.strataModuleIs(module, true);
+    }
+    std::vector<std::string> order;
+    for (const auto& [module, flag] : config.strataModule()) {
+        order.push_back(valueToStrep(module));
+    }
+    const auto text = [](const StrataModule& module) { return valueToStrep(module); };
+    EXPECT_EQ(order,
+              (std::vector<std::string>{text({1, 3, "z"}), text({1, 9, "a"}), text({2, 0, "z"}),
+                                        text({2, 1, "a"}), text({2, 1, "b"})}));
+    EXPECT_EQ(StrataModule(2, 1, "a").hash(), StrataModule(2, 1, "b").hash());
+}
 
 TEST(PlatformRecords, TextFormsNameEveryFieldInOrder) {
     std::ostringstream module;
