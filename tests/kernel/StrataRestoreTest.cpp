@@ -7,6 +7,7 @@
 #include "platform/StrataDriver.h"
 #include "util/Namespace.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <gtest/gtest.h>
 
@@ -158,6 +159,28 @@ TEST_F(StrataRestore, AnIfaddTheChipRefusesLeavesItsLagPartlyProgrammed) {
     EXPECT_EQ(lag5.at({1, 2}).state, 1);
     EXPECT_TRUE(lag5.at({1, 2}).configured && lag5.at({1, 2}).added);
     EXPECT_FALSE(driver->created("Port-Channel5"));
+}
+
+// A LAG without members is its device alone: made, up, and nothing in the chip's LAG table.
+TEST_F(StrataRestore, ALagWithoutMembersIsItsDeviceAlone) {
+    auto lag = lagInterfaceFactory("Port-Channel6");
+    lag->interfaceTypeIs(InterfaceType::Lag_);
+    lag->internalVlanIs(4006);
+    config_->interfaceIs(lag);
+    const Driver::Ptr driver = DriverCreator(config_).create();
+    ASSERT_TRUE(driver->doInit());
+    driver->doCreateKernelInterfaces();
+    EXPECT_TRUE(driver->created("Port-Channel6"));
+    const std::vector<std::string> chip = chipLog();
+    EXPECT_EQ(std::count_if(
+                  chip.begin(), chip.end(),
+                  [](const std::string& line) { return line.rfind("fabric lagmember", 0) == 0; }),
+              0);
+    EXPECT_NE(std::find(chip.begin(), chip.end(), "fabric ifadd po6 -1 -1 6 4006 0 0"), chip.end());
+    EXPECT_TRUE(simulator_->lags().empty());
+    const auto device = linkOf("po6");
+    ASSERT_TRUE(device);
+    EXPECT_TRUE(device->hasFlag("UP"));
 }
 
 } // namespace
