@@ -131,10 +131,11 @@ void ProductionSwitch::storeIs(const std::string& example,
     std::ofstream(file("pstore/zel-persistent-store.json")) << text;
 }
 
-CliResult ProductionSwitch::restore() {
+CliResult ProductionSwitch::restore(const std::vector<std::string>& extra) {
     CliRun run;
     run.args = {"restore",          "--pstore-dir", file("pstore"),     "--history",
                 file("history.db"), "--report",     file("report.json")};
+    run.args.insert(run.args.end(), extra.begin(), extra.end());
     run.traceFile = file("trace.txt");
     run.toolsFirst = KESTRUNE_CHIP_TOOLS;
     return runCli(run);

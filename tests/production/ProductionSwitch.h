@@ -31,8 +31,8 @@ class ProductionSwitch : public PrivateNetwork {
     // The store the restore will read: an example, edited.
     void storeIs(const std::string& example,
                  const std::function<void(rapidjson::Document&)>& edit = {});
-    // `kestrune restore` of that store, every trace level on.
-    CliResult restore();
+    // `kestrune restore` of that store, every trace level on, with `extra` flags.
+    CliResult restore(const std::vector<std::string>& extra = {});
 
     std::string file(const std::string& name) const { return dir_->file(name); }
     std::vector<std::string> chipLog() const { return linesOf(file("chip.log")); }

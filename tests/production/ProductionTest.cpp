@@ -9,6 +9,7 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <tuple>
 #include <unistd.h>
 
 namespace Kestrune::Testing {
@@ -28,14 +29,16 @@ bool has(const std::vector<std::string>& lines, const std::string& line) {
 
 // The restore of each example as a switch runs it: the chip hears exactly the expected
 // sequence through its character devices, and the kernel ends up holding the store's state.
+// Each example in both orders of the filter rules: the chip and the kernel end the same.
 class ExampleRestore : public ProductionSwitch,
-                       public ::testing::WithParamInterface<const char*> {};
+                       public ::testing::WithParamInterface<std::tuple<const char*, const char*>> {
+};
 
 TEST_P(ExampleRestore, TheChipHearsTheExpectedSequenceAndTheKernelHoldsTheStore) {
-    const std::string example = GetParam();
+    const std::string example = std::get<0>(GetParam());
     moduleIs(example);
     storeIs(example);
-    const CliResult result = restore();
+    const CliResult result = restore({"--filter-rules", std::get<1>(GetParam())});
     EXPECT_TRUE(result.exited) << "ended by signal " << result.signal;
     // The chip hears what the in-process simulator hears, after its module's load.
     const std::string chip = joined(chipLog());
@@ -59,7 +62,9 @@ TEST_P(ExampleRestore, TheChipHearsTheExpectedSequenceAndTheKernelHoldsTheStore)
     EXPECT_EQ(node.st_rdev, makedev(127, 0));
 }
 
-INSTANTIATE_TEST_SUITE_P(Production, ExampleRestore, ::testing::Values("strata", "sand"));
+INSTANTIATE_TEST_SUITE_P(Production, ExampleRestore,
+                         ::testing::Combine(::testing::Values("strata", "sand"),
+                                            ::testing::Values("first", "last")));
 
 } // namespace
 } // namespace Kestrune::Testing

@@ -53,7 +53,8 @@ void addRestoreCommand(CLI::App& app, int& status) {
             setenv("ZEL_PSTORE_PATH", options->pstoreDir.c_str(), 1);
         }
         const RestoreReport report =
-            runRestore([] { return configParserCreatorFactory()->create(); }, {}, options->resume);
+            runRestore([] { return configParserCreatorFactory()->create(); }, {},
+                       {options->resume, options->guard.filterRulesFirst()});
         const bool reported =
             options->report.empty() || reportWritten(options->report, report.json());
         if (!report.started) {

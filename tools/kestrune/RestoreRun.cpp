@@ -30,7 +30,7 @@ using Timed = std::function<void(const char* phase, const std::function<void()>&
 void runPhases(RestoreReport& report, const Timed& timed,
                const std::function<ConfigParser::Ptr()>& parserOf,
                const std::function<void(const Config&)>& parsed, Config::Ptr& config,
-               Driver::Ptr& driver, bool resume) {
+               Driver::Ptr& driver, const RestoreChoices& choices) {
     timed("parse", [&] {
         if (const ConfigParser::Ptr parser = parserOf()) {
             config = parser->parse();
@@ -49,7 +49,7 @@ void runPhases(RestoreReport& report, const Timed& timed,
         timed("init", [&] {
             driver = DriverCreator(config).create();
             if (driver) {
-                driver->resumeIs(resume);
+                driver->resumeIs(choices.resume);
             }
             report.initialized = driver && driver->doInit();
         });
@@ -58,10 +58,18 @@ void runPhases(RestoreReport& report, const Timed& timed,
     if (report.started && report.initialized) {
         // doCreateKernelInterfaces, one step at a time so that each is timed.
         TRACE(3) << "doCreateKernelInterfaces";
+        const auto filterRules = [&] {
+            timed("filterRules", [&] { driver->configureIptablesRules(); });
+        };
+        if (choices.filterRulesFirst) {
+            filterRules();
+        }
         timed("create", [&] { driver->createIntfsInDefaultNs(); });
         timed("move", [&] { driver->moveIntfsToCorrectNs(); });
         timed("configure", [&] { driver->configureIntfsInNs(); });
-        timed("filterRules", [&] { driver->configureIptablesRules(); });
+        if (!choices.filterRulesFirst) {
+            filterRules();
+        }
     }
 }
 
@@ -73,6 +81,13 @@ void RestoreGuardOptions::addTo(CLI::App& command) {
                     "Seconds each command of the restore may run (modprobe, fab, schan, tc, the "
                     "filter-rule tools) before its process group is killed; 0: no deadline")
         ->check(CLI::NonNegativeNumber)
+        ->capture_default_str();
+    command
+        .add_option("--filter-rules", filterRules,
+                    "When to restore the filter rules: first, before any device is made (their "
+                    "tools then run against no addresses, and no address is up unfiltered), or "
+                    "last, after the devices are configured, as the library's sequence does")
+        ->check(CLI::IsMember({"first", "last"}))
         ->capture_default_str();
 }
 
@@ -97,9 +112,11 @@ bool reportWritten(const std::string& path, const std::string& json) {
 }
 
 RestoreReport runRestore(const std::function<ConfigParser::Ptr()>& parserOf,
-                         const std::function<void(const Config&)>& parsed, bool resume) {
+                         const std::function<void(const Config&)>& parsed,
+                         const RestoreChoices& choices) {
     RestoreReport report;
-    report.resumed = resume;
+    report.resumed = choices.resume;
+    report.filterRulesFirst = choices.filterRulesFirst;
     // Each phase ends with its events in the history, so a restore that dies in the next
     // one leaves at least these behind in the database (and the rest in its journal).
     const auto timed = [&report](const char* phase, const std::function<void()>& work) {
@@ -113,7 +130,7 @@ RestoreReport runRestore(const std::function<ConfigParser::Ptr()>& parserOf,
     Config::Ptr config;
     Driver::Ptr driver;
     try {
-        runPhases(report, timed, parserOf, parsed, config, driver, resume);
+        runPhases(report, timed, parserOf, parsed, config, driver, choices);
     } catch (const StopRequested& stop) {
         report.stoppedBy = stop.signal();
         ProcessGuard::doRecordStop(stop.signal());
@@ -148,6 +165,8 @@ std::string RestoreReport::json(const std::string& extraName, const std::string&
     writer.String(platformType.c_str());
     writer.Key("resumed");
     writer.Bool(resumed);
+    writer.Key("filterRules");
+    writer.String(filterRulesFirst ? "first" : "last");
     writer.Key("phasesMs");
     writer.StartObject();
     for (const auto& [name, ms] : phasesMs) {

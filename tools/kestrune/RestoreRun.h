@@ -22,6 +22,7 @@ struct RestoreReport {
         std::string found; // resuming: the namespace its device was found in, "" for none
     };
     bool resumed = false;
+    bool filterRulesFirst = false;
     bool started = false; // a parser and a driver were found
     bool initialized = false;
     std::string platformType;
@@ -46,6 +47,8 @@ struct RestoreReport {
 // The flags of the commands that run a restore, beyond the common ones.
 struct RestoreGuardOptions {
     double commandDeadlineSeconds = 30;
+    std::string filterRules = "first";
+    bool filterRulesFirst() const { return filterRules == "first"; }
     void addTo(CLI::App& command);
     // Sets the command deadline and stops the restore cleanly on SIGTERM and SIGINT.
     void apply() const;
@@ -54,12 +57,19 @@ struct RestoreGuardOptions {
 // Writes a report; false, with the reason on standard error, when it cannot.
 bool reportWritten(const std::string& path, const std::string& json);
 
+// How a restore runs beyond the library's sequence.
+struct RestoreChoices {
+    bool resume = false; // finish an interrupted restore (Driver::resumeIs)
+    // The filter rules before the devices: their tools' cost grows with the addresses already
+    // there, and the CPU is never up without its filter. False keeps the library's order.
+    bool filterRulesFirst = true;
+};
+
 // The caller's sequence: parse, choose the driver, bring the chip up, then create, move,
-// configure and restore the filter rules, each phase timed. `parsed` sees the configuration
-// before the driver is chosen (the simulator picks its chip family there).
-// `resume` finishes an interrupted restore (Driver::resumeIs).
+// configure and restore the filter rules (first or last), each phase timed. `parsed` sees the
+// configuration before the driver is chosen (the simulator picks its chip family there).
 RestoreReport runRestore(const std::function<ConfigParser::Ptr()>& parserOf,
                          const std::function<void(const Config&)>& parsed = {},
-                         bool resume = false);
+                         const RestoreChoices& choices = {});
 
 } // namespace Kestrune::Cli

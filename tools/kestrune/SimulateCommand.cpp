@@ -109,7 +109,8 @@ void addSimulateCommand(CLI::App& app, int& status) {
                                chipLog, Sim::ChipSimulator::familyOf(config.platformType()));
                            simulator->refusedIs({options->refused.begin(), options->refused.end()});
                            chipDeviceIs(simulator);
-                       });
+                       },
+                       {false, options->guard.filterRulesFirst()});
         const auto state = kernelState();
         std::cout << kernelStateTable(state);
         if (!report.failures.empty()) {
