@@ -1,0 +1,250 @@
+// The floor of the restore benchmark: the kernel operations that leave a switch's CPU path in
+// its restored state, issued as directly as a program can (one ioctl or rtnetlink message
+// each, one socket per namespace, a namespace entered only when the thread is not there), from
+// a plan that bench/peers.py writes. What Kestrune does above this is its own overhead.
+//
+//   floor PLAN        exits 0 when every operation took; prints the milliseconds it took in
+//                     all, then those of the filter-rule tools
+//
+// Plan lines: "ns NAME", "dev NS NAME MTU MAC", "addr NS DEVICE ADDRESS/PREFIX",
+// "sysctl NS PATH VALUE", "prio NS DEVICE", "rules COMMAND FILE" (run with FILE on stdin).
+#include <arpa/inet.h>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <iostream>
+#include <libmnl/libmnl.h>
+#include <linux/if.h>
+#include <linux/if_addr.h>
+#include <linux/if_tun.h>
+#include <linux/pkt_sched.h>
+#include <linux/rtnetlink.h>
+#include <map>
+#include <net/if_arp.h>
+#include <sched.h>
+#include <sstream>
+#include <string>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+struct Namespace {
+    int fd = -1;
+    int socket = -1;
+    mnl_socket* netlink = nullptr;
+};
+
+std::map<std::string, Namespace> namespaces;
+std::string current = "default";
+std::vector<int> queues; // held, so the devices keep carrier while the floor runs
+unsigned sequence = 0;
+int failures = 0;
+double rulesMs = 0;
+
+bool failed(const std::string& what) {
+    std::cerr << "floor: " << what << ": " << std::strerror(errno) << "\n";
+    ++failures;
+    return false;
+}
+
+Namespace& enter(const std::string& name) {
+    Namespace& ns = namespaces[name];
+    if (name != current) {
+        if (setns(ns.fd, CLONE_NEWNET) != 0) {
+            failed("setns " + name);
+        }
+        current = name;
+    }
+    if (ns.socket < 0) {
+        ns.socket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        ns.netlink = mnl_socket_open(NETLINK_ROUTE);
+        mnl_socket_bind(ns.netlink, 0, MNL_SOCKET_AUTOPID);
+    }
+    return ns;
+}
+
+void addNamespace(const std::string& name) {
+    const std::string path = "/run/netns/" + name;
+    const int file = open(path.c_str(), O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0);
+    close(file);
+    const int home = namespaces["default"].fd;
+    if (unshare(CLONE_NEWNET) != 0 ||
+        mount("/proc/thread-self/ns/net", path.c_str(), "none", MS_BIND, nullptr) != 0) {
+        failed("namespace " + name);
+    }
+    namespaces[name].fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    setns(home, CLONE_NEWNET);
+    current = "default";
+}
+
+ifreq request(const std::string& device) {
+    ifreq r{};
+    device.copy(r.ifr_name, IFNAMSIZ - 1);
+    return r;
+}
+
+void addDevice(const std::string& nsName, const std::string& name, int mtu,
+               const std::string& mac) {
+    Namespace& ns = enter(nsName);
+    const int queue = open("/dev/net/tun", O_RDWR | O_CLOEXEC);
+    ifreq r = request(name);
+    r.ifr_flags = IFF_TAP | IFF_NO_PI;
+    if (ioctl(queue, TUNSETIFF, &r) != 0 || ioctl(queue, TUNSETPERSIST, 1) != 0) {
+        failed("tap " + name);
+    }
+    queues.push_back(queue);
+    r = request(name);
+    r.ifr_mtu = mtu;
+    if (ioctl(ns.socket, SIOCSIFMTU, &r) != 0) {
+        failed("mtu " + name);
+    }
+    r = request(name);
+    r.ifr_hwaddr.sa_family = ARPHRD_ETHER;
+    unsigned bytes[6];
+    std::sscanf(mac.c_str(), "%x:%x:%x:%x:%x:%x", &bytes[0], &bytes[1], &bytes[2], &bytes[3],
+                &bytes[4], &bytes[5]);
+    for (int i = 0; i < 6; ++i) {
+        r.ifr_hwaddr.sa_data[i] = static_cast<char>(bytes[i]);
+    }
+    if (ioctl(ns.socket, SIOCSIFHWADDR, &r) != 0) {
+        failed("mac " + name);
+    }
+    r = request(name);
+    ioctl(ns.socket, SIOCGIFFLAGS, &r);
+    r.ifr_flags = static_cast<short>(r.ifr_flags | IFF_UP);
+    if (ioctl(ns.socket, SIOCSIFFLAGS, &r) != 0) {
+        failed("up " + name);
+    }
+}
+
+bool transact(mnl_socket* netlink, nlmsghdr* message) {
+    message->nlmsg_seq = ++sequence;
+    if (mnl_socket_sendto(netlink, message, message->nlmsg_len) < 0) {
+        return false;
+    }
+    char buffer[MNL_SOCKET_BUFFER_SIZE];
+    const ssize_t got = mnl_socket_recvfrom(netlink, buffer, sizeof buffer);
+    return got > 0 &&
+           mnl_cb_run(buffer, static_cast<std::size_t>(got), sequence, 0, nullptr, nullptr) >= 0;
+}
+
+int indexOf(Namespace& ns, const std::string& device) {
+    ifreq r = request(device);
+    return ioctl(ns.socket, SIOCGIFINDEX, &r) == 0 ? r.ifr_ifindex : 0;
+}
+
+void addAddress(const std::string& nsName, const std::string& device, const std::string& text) {
+    Namespace& ns = enter(nsName);
+    const std::size_t slash = text.find('/');
+    const std::string address = text.substr(0, slash);
+    const int family = address.find(':') != std::string::npos ? AF_INET6 : AF_INET;
+    unsigned char bytes[16];
+    inet_pton(family, address.c_str(), bytes);
+    char buffer[MNL_SOCKET_BUFFER_SIZE];
+    nlmsghdr* message = mnl_nlmsg_put_header(buffer);
+    message->nlmsg_type = RTM_NEWADDR;
+    message->nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK | NLM_F_CREATE | NLM_F_EXCL;
+    auto* info = static_cast<ifaddrmsg*>(mnl_nlmsg_put_extra_header(message, sizeof(ifaddrmsg)));
+    info->ifa_family = static_cast<unsigned char>(family);
+    info->ifa_prefixlen = static_cast<unsigned char>(std::stoi(text.substr(slash + 1)));
+    info->ifa_index = static_cast<unsigned>(indexOf(ns, device));
+    const std::size_t size = family == AF_INET ? 4 : 16;
+    mnl_attr_put(message, IFA_LOCAL, size, bytes);
+    mnl_attr_put(message, IFA_ADDRESS, size, bytes);
+    if (!transact(ns.netlink, message)) {
+        failed("address " + text + " on " + device);
+    }
+}
+
+void addPrio(const std::string& nsName, const std::string& device) {
+    Namespace& ns = enter(nsName);
+    char buffer[MNL_SOCKET_BUFFER_SIZE];
+    nlmsghdr* message = mnl_nlmsg_put_header(buffer);
+    message->nlmsg_type = RTM_NEWQDISC;
+    message->nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK | NLM_F_CREATE | NLM_F_EXCL;
+    auto* info = static_cast<tcmsg*>(mnl_nlmsg_put_extra_header(message, sizeof(tcmsg)));
+    info->tcm_ifindex = indexOf(ns, device);
+    info->tcm_parent = TC_H_ROOT;
+    info->tcm_handle = 0x10000;
+    mnl_attr_put_strz(message, TCA_KIND, "prio");
+    tc_prio_qopt options{3, {1, 2, 2, 2, 1, 2, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1}};
+    mnl_attr_put(message, TCA_OPTIONS, sizeof options, &options);
+    if (!transact(ns.netlink, message)) {
+        failed("prio on " + device);
+    }
+}
+
+void writeSysctl(const std::string& nsName, const std::string& path, const std::string& value) {
+    enter(nsName);
+    const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+    if (fd < 0 || write(fd, value.data(), value.size()) < 0) {
+        failed(path);
+    }
+    close(fd);
+}
+
+void runRules(const std::string& command, const std::string& file) {
+    enter("default");
+    const auto start = std::chrono::steady_clock::now();
+    const pid_t child = fork();
+    if (child == 0) {
+        const int in = open(file.c_str(), O_RDONLY);
+        dup2(in, 0);
+        execlp(command.c_str(), command.c_str(), "-n", nullptr);
+        _exit(127);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+        errno = 0;
+        failed(command);
+    }
+    rulesMs +=
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 2) {
+        std::cerr << "usage: floor PLAN\n";
+        return 2;
+    }
+    std::ifstream plan(argv[1]);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(plan, line);) {
+        lines.push_back(line);
+    }
+    const auto start = std::chrono::steady_clock::now();
+    namespaces["default"].fd = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+    for (const std::string& line : lines) {
+        std::istringstream words(line);
+        std::string op, a, b, c, d;
+        words >> op >> a >> b >> c >> d;
+        if (op == "ns") {
+            addNamespace(a);
+        } else if (op == "dev") {
+            addDevice(a, b, std::stoi(c), d);
+        } else if (op == "addr") {
+            addAddress(a, b, c);
+        } else if (op == "sysctl") {
+            writeSysctl(a, b, c);
+        } else if (op == "prio") {
+            addPrio(a, b);
+        } else if (op == "rules") {
+            runRules(a, b);
+        }
+    }
+    const double ms =
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+    std::printf("%.1f %.1f\n", ms, rulesMs);
+    return failures == 0 ? 0 : 1;
+}
