@@ -1,13 +1,14 @@
-// The floor of the restore benchmark: the kernel operations that leave a switch's CPU path in
-// its restored state, issued as directly as a program can (one ioctl or rtnetlink message
-// each, one socket per namespace, a namespace entered only when the thread is not there), from
-// a plan that bench/peers.py writes. What Kestrune does above this is its own overhead.
+// The floor of the restore benchmark: the kernel operations a restore makes, in its order,
+// issued as directly as a program can (one ioctl or rtnetlink message each, one socket per
+// namespace, a namespace entered only when the thread is not there), from a plan that
+// bench/peers.py writes. What Kestrune takes above this is its own overhead.
 //
 //   floor PLAN        exits 0 when every operation took; prints the milliseconds it took in
 //                     all, then those of the filter-rule tools
 //
-// Plan lines: "ns NAME", "dev NS NAME MTU MAC", "addr NS DEVICE ADDRESS/PREFIX",
-// "sysctl NS PATH VALUE", "prio NS DEVICE", "rules COMMAND FILE" (run with FILE on stdin).
+// Plan lines: "ns NAME", "tap NS DEVICE", "mtu NS DEVICE MTU", "mac NS DEVICE MAC",
+// "up NS DEVICE", "oper NS DEVICE", "addr NS DEVICE ADDRESS/PREFIX", "sysctl NS PATH VALUE",
+// "prio NS DEVICE", "rules COMMAND FILE" (run with FILE on stdin).
 #include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
@@ -91,9 +92,8 @@ ifreq request(const std::string& device) {
     return r;
 }
 
-void addDevice(const std::string& nsName, const std::string& name, int mtu,
-               const std::string& mac) {
-    Namespace& ns = enter(nsName);
+void addTap(const std::string& nsName, const std::string& name) {
+    enter(nsName);
     const int queue = open("/dev/net/tun", O_RDWR | O_CLOEXEC);
     ifreq r = request(name);
     r.ifr_flags = IFF_TAP | IFF_NO_PI;
@@ -101,12 +101,20 @@ void addDevice(const std::string& nsName, const std::string& name, int mtu,
         failed("tap " + name);
     }
     queues.push_back(queue);
-    r = request(name);
+}
+
+void setMtu(const std::string& nsName, const std::string& name, int mtu) {
+    Namespace& ns = enter(nsName);
+    ifreq r = request(name);
     r.ifr_mtu = mtu;
     if (ioctl(ns.socket, SIOCSIFMTU, &r) != 0) {
         failed("mtu " + name);
     }
-    r = request(name);
+}
+
+void setMac(const std::string& nsName, const std::string& name, const std::string& mac) {
+    Namespace& ns = enter(nsName);
+    ifreq r = request(name);
     r.ifr_hwaddr.sa_family = ARPHRD_ETHER;
     unsigned bytes[6];
     std::sscanf(mac.c_str(), "%x:%x:%x:%x:%x:%x", &bytes[0], &bytes[1], &bytes[2], &bytes[3],
@@ -117,7 +125,11 @@ void addDevice(const std::string& nsName, const std::string& name, int mtu,
     if (ioctl(ns.socket, SIOCSIFHWADDR, &r) != 0) {
         failed("mac " + name);
     }
-    r = request(name);
+}
+
+void setUp(const std::string& nsName, const std::string& name) {
+    Namespace& ns = enter(nsName);
+    ifreq r = request(name);
     ioctl(ns.socket, SIOCGIFFLAGS, &r);
     r.ifr_flags = static_cast<short>(r.ifr_flags | IFF_UP);
     if (ioctl(ns.socket, SIOCSIFFLAGS, &r) != 0) {
@@ -182,6 +194,20 @@ void addPrio(const std::string& nsName, const std::string& device) {
     }
 }
 
+void setOperUp(const std::string& nsName, const std::string& device) {
+    Namespace& ns = enter(nsName);
+    char buffer[MNL_SOCKET_BUFFER_SIZE];
+    nlmsghdr* message = mnl_nlmsg_put_header(buffer);
+    message->nlmsg_type = RTM_SETLINK;
+    message->nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
+    mnl_nlmsg_put_extra_header(message, sizeof(ifinfomsg));
+    mnl_attr_put_strz(message, IFLA_IFNAME, device.c_str());
+    mnl_attr_put_u8(message, IFLA_OPERSTATE, 6); // IF_OPER_UP
+    if (!transact(ns.netlink, message)) {
+        failed("oper state of " + device);
+    }
+}
+
 void writeSysctl(const std::string& nsName, const std::string& path, const std::string& value) {
     enter(nsName);
     const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
@@ -231,8 +257,16 @@ int main(int argc, char** argv) {
         words >> op >> a >> b >> c >> d;
         if (op == "ns") {
             addNamespace(a);
-        } else if (op == "dev") {
-            addDevice(a, b, std::stoi(c), d);
+        } else if (op == "tap") {
+            addTap(a, b);
+        } else if (op == "mtu") {
+            setMtu(a, b, std::stoi(c));
+        } else if (op == "mac") {
+            setMac(a, b, c);
+        } else if (op == "up") {
+            setUp(a, b);
+        } else if (op == "oper") {
+            setOperUp(a, b);
         } else if (op == "addr") {
             addAddress(a, b, c);
         } else if (op == "sysctl") {

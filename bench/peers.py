@@ -2,13 +2,15 @@
 """Writes the restore benchmark's three peers of one store, from the kernel state a Kestrune
 restore of it left (its report's "kernel") and the store's filter rules:
 
-  plan.txt     the floor program's operations (bench/Floor.cpp)
+  plan.txt     the floor program's operations (bench/Floor.cpp): the kernel operations the
+               restore makes, in its order (the chip's devices made, MAC, up, oper up; the VRF
+               devices; then each layer-3 device's IPv6 switch, MTU, addresses and up)
   batch.sh     `ip -batch`, `tc -batch` and `sysctl -p` once per namespace
   shell.sh     one `ip`, `tc` or `sysctl` process per operation
 
-Each makes every namespace and device with its MTU, MAC, admin state, addresses and root
-qdisc, writes the IPv6 switches the restore writes, and restores the filter rules last, as a
-restore in the specified order does.
+The two last make every namespace and device straight into its final MTU, MAC, admin state,
+addresses and root qdisc, as an engineer would script it. All three restore the filter rules
+last, as the specified sequence does.
 
   peers.py REPORT STORE OUTDIR
 """
@@ -43,6 +45,42 @@ def sysctls(device):
     return []
 
 
+def restorePlan(names, devices, out):
+    """The restore's kernel operations on the way to this state, in its order."""
+    plan = ["ns %s" % ns for ns in names]
+    placed = {device["name"] for ns, device in devices if ns != "default"}
+    chip = [(ns, d) for ns, d in devices if ns == "default"]
+    fabric = [d for ns, d in chip if d["name"] == "fabric"]
+    # The chip makes its devices with its frame size; the driver gives each its MAC and state.
+    for device in fabric + [d for ns, d in chip if d["name"] != "fabric"]:
+        name = device["name"]
+        plan += ["tap default %s" % name, "mtu default %s 9216" % name,
+                 "mac default %s %s" % (name, device["mac"]), "up default %s" % name]
+        if name != "fabric":
+            plan.append("oper default %s" % name)
+        if device["qdisc"] == "prio":
+            plan.append("prio default %s" % name)
+    # A routed port of a VRF is made anew there; its chip device keeps the largest frames.
+    for ns, device in devices:
+        if ns != "default":
+            plan += ["tap %s %s" % (ns, device["name"]),
+                     "mac %s %s %s" % (ns, device["name"], device["mac"]),
+                     "mtu default %s 10240" % device["name"]]
+    # Each layer-3 device in its namespace: the IPv6 switch, MTU, addresses, up.
+    for ns, device in devices:
+        name = device["name"]
+        if ns == "default" and (name in placed or not (device["ipv4"] or device["ipv6"])):
+            continue
+        plan += ["sysctl %s /proc/sys/%s %s" % (ns, path, value) for path, value in sysctls(device)]
+        plan.append("mtu %s %s %d" % (ns, name, device["mtu"]))
+        plan += ["addr %s %s %s" % (ns, name, a) for a in device["ipv4"] + device["ipv6"]]
+        plan.append("up %s %s" % (ns, name))
+    plan.append("sysctl default /proc/sys/net/ipv6/conf/all/forwarding 1")
+    for family in ("iptables", "ip6tables"):
+        plan.append("rules %s-restore %s" % (family, os.path.join(out, family + ".rules")))
+    return plan
+
+
 def main():
     report, store, out = sys.argv[1:4]
     kernel = json.load(open(report))["kernel"]
@@ -53,12 +91,11 @@ def main():
             file.write(rules.get(family, ""))
     names, devices = operations(kernel)
 
-    plan = ["ns %s" % ns for ns in names]
+    plan = restorePlan(names, devices, out)
     shell = ["set -e"] + ["ip netns add %s" % ns for ns in names]
     batches = {}
     for ns, device in devices:
         name = device["name"]
-        plan.append("dev %s %s %d %s" % (ns, name, device["mtu"], device["mac"]))
         shell += ["%s tuntap add dev %s mode tap" % (ip(ns), name),
                   "%s link set dev %s mtu %d" % (ip(ns), name, device["mtu"]),
                   "%s link set dev %s address %s" % (ip(ns), name, device["mac"]),
@@ -67,23 +104,18 @@ def main():
         batch["ip"] += ["tuntap add dev %s mode tap" % name,
                         "link set dev %s mtu %d address %s up" % (name, device["mtu"], device["mac"])]
         for address in device["ipv4"] + device["ipv6"]:
-            plan.append("addr %s %s %s" % (ns, name, address))
             shell.append("%s addr add %s dev %s" % (ip(ns), address, name))
             batch["ip"].append("addr add %s dev %s" % (address, name))
         for path, value in sysctls(device):
-            plan.append("sysctl %s /proc/sys/%s %s" % (ns, path, value))
             shell.append("ip netns exec %s sysctl -qw %s=%s" % (ns, path.replace("/", "."), value)
                          if ns != "default" else "sysctl -qw %s=%s" % (path.replace("/", "."), value))
             batch["sysctl"].append("%s = %s" % (path.replace("/", "."), value))
         if device["qdisc"] == "prio":
-            plan.append("prio %s %s" % (ns, name))
             shell.append("%s qdisc add dev %s root handle 1: prio" % (ip(ns, "tc"), name))
             batch["tc"].append("qdisc add dev %s root handle 1: prio" % name)
-    plan.append("sysctl default /proc/sys/net/ipv6/conf/all/forwarding 1")
     shell.append("sysctl -qw net.ipv6.conf.all.forwarding=1")
     for family in ("iptables", "ip6tables"):
         path = os.path.join(out, family + ".rules")
-        plan.append("rules %s-restore %s" % (family, path))
         shell.append("%s-restore -n < %s" % (family, shlex.quote(path)))
 
     script = ["set -e"] + ["ip netns add %s" % ns for ns in names]
