@@ -3,16 +3,19 @@
 // namespace, a namespace entered only when the thread is not there), from a plan that
 // bench/peers.py writes. What Kestrune takes above this is its own overhead.
 //
-//   floor PLAN        exits 0 when every operation took; prints the milliseconds it took in
-//                     all, then those of the filter-rule tools
+//   floor PLAN [DUMP OUTPUT]
+// exits 0 when every operation took; prints the milliseconds it took in all, then those of the
+// filter-rule tools. DUMP runs (its output to OUTPUT) before the floor lets go of its devices'
+// queues, so the state it reads is the one the floor left, carrier included.
 //
 // Plan lines: "ns NAME", "tap NS DEVICE", "mtu NS DEVICE MTU", "mac NS DEVICE MAC",
 // "up NS DEVICE", "oper NS DEVICE", "addr NS DEVICE ADDRESS/PREFIX", "sysctl NS PATH VALUE",
-// "prio NS DEVICE", "rules COMMAND FILE" (run with FILE on stdin).
+// "prio NS DEVICE", "run COMMAND LINE", "rules COMMAND FILE" (run with FILE on stdin).
 #include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
@@ -217,6 +220,31 @@ void writeSysctl(const std::string& nsName, const std::string& path, const std::
     close(fd);
 }
 
+// A command line the restore prescribes (the chip's `fab`), run without a shell.
+void runCommand(const std::string& line) {
+    std::istringstream words(line);
+    std::vector<std::string> argv;
+    for (std::string word; words >> word;) {
+        argv.push_back(word);
+    }
+    std::vector<char*> pointers;
+    for (std::string& word : argv) {
+        pointers.push_back(word.data());
+    }
+    pointers.push_back(nullptr);
+    const pid_t child = vfork();
+    if (child == 0) {
+        execvp(pointers[0], pointers.data());
+        _exit(127);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+        errno = 0;
+        failed(line);
+    }
+}
+
 void runRules(const std::string& command, const std::string& file) {
     enter("default");
     const auto start = std::chrono::steady_clock::now();
@@ -240,8 +268,8 @@ void runRules(const std::string& command, const std::string& file) {
 } // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 2) {
-        std::cerr << "usage: floor PLAN\n";
+    if (argc != 2 && argc != 4) {
+        std::cerr << "usage: floor PLAN [DUMP OUTPUT]\n";
         return 2;
     }
     std::ifstream plan(argv[1]);
@@ -275,10 +303,19 @@ int main(int argc, char** argv) {
             addPrio(a, b);
         } else if (op == "rules") {
             runRules(a, b);
+        } else if (op == "run") {
+            runCommand(line.substr(4));
         }
     }
     const double ms =
         std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
     std::printf("%.1f %.1f\n", ms, rulesMs);
+    if (argc == 4) {
+        setns(namespaces["default"].fd, CLONE_NEWNET);
+        const std::string dump = std::string(argv[2]) + " > " + argv[3];
+        if (std::system(dump.c_str()) != 0) {
+            failed(dump);
+        }
+    }
     return failures == 0 ? 0 : 1;
 }

@@ -64,7 +64,7 @@ for store in example 512 1024; do
                 python3 -c 'import json,sys; print(json.dumps(json.load(open(sys.argv[1]))["kernel"]))' "$dir/k.json" >"$dir/kestrune.state"
                 ;;
             floor)
-                unshare -n -m bash -c 'mount --make-rprivate / && mount -t tmpfs b /run && mkdir /run/netns && ip link set lo up && "$1" "$2" && "$3" >"$4"' \
+                PATH=$build/bin/chip-tools:$PATH unshare -n -m bash -c 'mount --make-rprivate / && mount -t tmpfs b /run && mkdir /run/netns && ip link set lo up && "$1" "$2" "$3" "$4"' \
                     sandbox "$build/bin/restore-floor" "$dir/plan.txt" "$build/bin/state-dump" \
                     "$dir/floor.state" | awk '{ printf "%.1f %.1f\n", $1, $1 - $2 }' >>"$dir/floor.ms"
                 ;;

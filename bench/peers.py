@@ -45,9 +45,12 @@ def sysctls(device):
     return []
 
 
-def restorePlan(names, devices, out):
-    """The restore's kernel operations on the way to this state, in its order."""
+def restorePlan(names, devices, modules, out):
+    """The restore's kernel operations on the way to this state, in its order, with the
+    command lines it prescribes (each chip module's `fab` role and state)."""
     plan = ["ns %s" % ns for ns in names]
+    for module in sorted(modules, key=lambda m: (m["modId"], m["busId"], m["chipModel"])):
+        plan += ["run fab devrole %d switch" % module["modId"], "run fab devstate %d up" % module["modId"]]
     placed = {device["name"] for ns, device in devices if ns != "default"}
     chip = [(ns, d) for ns, d in devices if ns == "default"]
     fabric = [d for ns, d in chip if d["name"] == "fabric"]
@@ -84,14 +87,16 @@ def restorePlan(names, devices, out):
 def main():
     report, store, out = sys.argv[1:4]
     kernel = json.load(open(report))["kernel"]
-    rules = json.load(open(store)).get("Sabrel", {})
+    saved = json.load(open(store))
+    rules = saved.get("Sabrel", {})
+    modules = saved.get("Tessaline", {}).get("devices", [])
     os.makedirs(out, exist_ok=True)
     for family in ("iptables", "ip6tables"):
         with open(os.path.join(out, family + ".rules"), "w") as file:
             file.write(rules.get(family, ""))
     names, devices = operations(kernel)
 
-    plan = restorePlan(names, devices, out)
+    plan = restorePlan(names, devices, modules, out)
     shell = ["set -e"] + ["ip netns add %s" % ns for ns in names]
     batches = {}
     for ns, device in devices:

@@ -28,22 +28,18 @@ bool isZero(const ether_addr& mac) {
                        [](std::uint8_t byte) { return byte == 0; });
 }
 
-// The device's settings, made from inside its namespace.
-bool configureTap(int queue, const std::string& name, const ether_addr& mac, bool operStatus) {
+// The device's settings, made from inside its namespace; `socket` is one of that namespace.
+bool configureTap(int queue, int socket, const std::string& name, const ether_addr& mac,
+                  bool operStatus) {
     if (!isZero(mac)) {
-        const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        if (fd < 0) {
+        if (socket < 0) {
             return failed(name, "socket");
         }
         ifreq request{};
         name.copy(request.ifr_name, IFNAMSIZ - 1);
         request.ifr_hwaddr.sa_family = ARPHRD_ETHER;
         std::memcpy(request.ifr_hwaddr.sa_data, mac.ether_addr_octet, ETH_ALEN);
-        const int result = ioctl(fd, SIOCSIFHWADDR, &request);
-        const int error = errno;
-        close(fd);
-        if (result < 0) {
-            errno = error;
+        if (ioctl(socket, SIOCSIFHWADDR, &request) < 0) {
             return failed(name, "MAC address");
         }
     }
@@ -60,6 +56,21 @@ EthIoctlUtil::~EthIoctlUtil() {
     for (const int queue : queues_) {
         close(queue);
     }
+    for (const auto& [ns, socket] : sockets_) {
+        close(socket);
+    }
+}
+
+int EthIoctlUtil::socketOfThreadNs(std::string_view nsName) {
+    const auto found = sockets_.find(nsName);
+    if (found != sockets_.end()) {
+        return found->second;
+    }
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd >= 0) {
+        sockets_.emplace(std::string(nsName), fd);
+    }
+    return fd;
 }
 
 bool EthIoctlUtil::createIntf(const std::string& name, const ether_addr& mac, bool operStatus,
@@ -87,7 +98,7 @@ bool EthIoctlUtil::createIntf(const std::string& name, const ether_addr& mac, bo
         } else if (ioctl(queue, TUNSETPERSIST, 1) < 0) {
             failed(name, "TUNSETPERSIST");
         } else {
-            made = configureTap(queue, name, mac, operStatus);
+            made = configureTap(queue, socketOfThreadNs(nsName), name, mac, operStatus);
         }
         if (made) {
             queues_.push_back(queue);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+#include <map>
 #include <memory>
 #include <net/ethernet.h>
 #include <string>
@@ -28,7 +30,12 @@ class EthIoctlUtil {
                     std::string_view nsName);
 
   private:
+    // A socket of the namespace the thread is visiting, made there at its first device and
+    // kept for the next ones.
+    int socketOfThreadNs(std::string_view nsName);
+
     std::vector<int> queues_;
+    std::map<std::string, int, std::less<>> sockets_;
 };
 
 } // namespace Kestrune

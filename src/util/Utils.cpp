@@ -142,8 +142,16 @@ void getAddrAndPrefix(const std::string& text, std::string& address, int& prefix
 namespace {
 
 // The index of the device in the thread's namespace; prints the restore's "not found" text.
-unsigned indexOrReport(const std::string& deviceName) {
-    const unsigned index = if_nametoindex(deviceName.c_str());
+// It is asked of the netlink socket the address goes through (the caller's socket of that
+// namespace), which answers interface ioctls for its namespace: no socket made per address.
+unsigned indexOrReport(int netlinkFd, const std::string& deviceName) {
+    ifreq request = requestFor(deviceName.c_str());
+    unsigned index = 0;
+    if (ioctl(netlinkFd, SIOCGIFINDEX, &request) == 0) {
+        index = static_cast<unsigned>(request.ifr_ifindex);
+    } else if (errno != ENODEV) {
+        index = if_nametoindex(deviceName.c_str());
+    }
     if (index == 0) {
         std::printf("Not Found at index\n ");
     }
@@ -152,9 +160,10 @@ unsigned indexOrReport(const std::string& deviceName) {
 
 // The device's index, with the address parsed into `parsed` and its prefix length; 0 when the
 // device is missing or the text is not an address of the family.
-unsigned addressToAdd(const char* operation, int family, const std::string& deviceName,
-                      const std::string& address, void* parsed, int& prefixLength) {
-    const unsigned index = indexOrReport(deviceName);
+unsigned addressToAdd(int netlinkFd, const char* operation, int family,
+                      const std::string& deviceName, const std::string& address, void* parsed,
+                      int& prefixLength) {
+    const unsigned index = indexOrReport(netlinkFd, deviceName);
     if (index == 0) {
         return 0;
     }
@@ -175,7 +184,7 @@ bool ipAddrAdd(int netlinkFd, const std::string& deviceName, const std::string& 
     in_addr parsed{};
     int prefixLength = 0;
     const unsigned index =
-        addressToAdd("ipAddrAdd", AF_INET, deviceName, address, &parsed, prefixLength);
+        addressToAdd(netlinkFd, "ipAddrAdd", AF_INET, deviceName, address, &parsed, prefixLength);
     return index != 0 && netlinkIpv4AddrAdd(netlinkFd, static_cast<int>(index), &parsed, nullptr,
                                             prefixLength, secondary) != 0;
 }
@@ -186,7 +195,7 @@ bool ip6AddrAdd(int netlinkFd, const std::string& deviceName, const std::string&
     in6_addr parsed{};
     int prefixLength = 0;
     const unsigned index =
-        addressToAdd("ip6AddrAdd", AF_INET6, deviceName, address, &parsed, prefixLength);
+        addressToAdd(netlinkFd, "ip6AddrAdd", AF_INET6, deviceName, address, &parsed, prefixLength);
     return index != 0 &&
            netlinkIpv6AddrAdd(netlinkFd, static_cast<int>(index), &parsed, prefixLength) != 0;
 }
