@@ -10,7 +10,7 @@ restore of it left (its report's "kernel") and the store's filter rules:
 
 The two last make every namespace and device straight into its final MTU, MAC, admin state,
 addresses and root qdisc, as an engineer would script it. All three restore the filter rules
-last, as the specified sequence does.
+last, as the library's own sequence does.
 
   peers.py REPORT STORE OUTDIR
 """

@@ -39,7 +39,7 @@ OrderedRun simulated(const TempDir& dir, const std::string& order) {
 // The filter rules first are the very same commands, texts and events as last, moved: the
 // block that restores them comes right after the sequence starts instead of at its end, where
 // the library's own order has it.
-TEST_F(FilterOrder, FirstIsTheSpecifiedSequenceWithTheFilterBlockMovedAhead) {
+TEST_F(FilterOrder, FirstIsTheLibrarysSequenceWithTheFilterBlockMovedAhead) {
     const TempDir dir;
     const OrderedRun last = simulated(dir, "last");
     const OrderedRun first = simulated(dir, "first");
@@ -49,21 +49,21 @@ TEST_F(FilterOrder, FirstIsTheSpecifiedSequenceWithTheFilterBlockMovedAhead) {
     EXPECT_EQ(std::string(first.report["filterRules"].GetString()), "first");
     EXPECT_EQ(first.result.recorded, last.result.recorded);
 
-    const std::vector<std::string>& specified = last.result.traces;
-    const auto block = std::find(specified.begin(), specified.end(),
+    const std::vector<std::string>& sequence = last.result.traces;
+    const auto block = std::find(sequence.begin(), sequence.end(),
                                  "Kestrune:0 configureIptablesRules Adding iptables rules");
-    ASSERT_NE(block, specified.end());
+    ASSERT_NE(block, sequence.end());
     // Last: nothing of the restore comes after the filter tools.
-    EXPECT_EQ(std::count_if(block, specified.end(),
+    EXPECT_EQ(std::count_if(block, sequence.end(),
                             [](const std::string& line) {
                                 return line.find("configureIptablesRules") == std::string::npos &&
                                        line.find("runCommand started ip") == std::string::npos;
                             }),
               0);
-    std::vector<std::string> moved(specified.begin(), block);
+    std::vector<std::string> moved(sequence.begin(), block);
     const auto start = std::find(moved.begin(), moved.end(), "Kestrune:3 doCreateKernelInterfaces");
     ASSERT_NE(start, moved.end());
-    moved.insert(start + 1, block, specified.end());
+    moved.insert(start + 1, block, sequence.end());
     EXPECT_EQ(first.result.traces, moved);
 }
 
