@@ -14,6 +14,7 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -140,6 +141,14 @@ void setUp(const std::string& nsName, const std::string& name) {
     }
 }
 
+// A request that the kernel acknowledges, with `flags` besides.
+nlmsghdr* requestIn(char* buffer, std::uint16_t type, std::uint16_t flags) {
+    nlmsghdr* message = mnl_nlmsg_put_header(buffer);
+    message->nlmsg_type = type;
+    message->nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK | flags;
+    return message;
+}
+
 bool transact(mnl_socket* netlink, nlmsghdr* message) {
     message->nlmsg_seq = ++sequence;
     if (mnl_socket_sendto(netlink, message, message->nlmsg_len) < 0) {
@@ -164,9 +173,7 @@ void addAddress(const std::string& nsName, const std::string& device, const std:
     unsigned char bytes[16];
     inet_pton(family, address.c_str(), bytes);
     char buffer[MNL_SOCKET_BUFFER_SIZE];
-    nlmsghdr* message = mnl_nlmsg_put_header(buffer);
-    message->nlmsg_type = RTM_NEWADDR;
-    message->nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK | NLM_F_CREATE | NLM_F_EXCL;
+    nlmsghdr* message = requestIn(buffer, RTM_NEWADDR, NLM_F_CREATE | NLM_F_EXCL);
     auto* info = static_cast<ifaddrmsg*>(mnl_nlmsg_put_extra_header(message, sizeof(ifaddrmsg)));
     info->ifa_family = static_cast<unsigned char>(family);
     info->ifa_prefixlen = static_cast<unsigned char>(std::stoi(text.substr(slash + 1)));
@@ -182,9 +189,7 @@ void addAddress(const std::string& nsName, const std::string& device, const std:
 void addPrio(const std::string& nsName, const std::string& device) {
     Namespace& ns = enter(nsName);
     char buffer[MNL_SOCKET_BUFFER_SIZE];
-    nlmsghdr* message = mnl_nlmsg_put_header(buffer);
-    message->nlmsg_type = RTM_NEWQDISC;
-    message->nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK | NLM_F_CREATE | NLM_F_EXCL;
+    nlmsghdr* message = requestIn(buffer, RTM_NEWQDISC, NLM_F_CREATE | NLM_F_EXCL);
     auto* info = static_cast<tcmsg*>(mnl_nlmsg_put_extra_header(message, sizeof(tcmsg)));
     info->tcm_ifindex = indexOf(ns, device);
     info->tcm_parent = TC_H_ROOT;
@@ -200,9 +205,7 @@ void addPrio(const std::string& nsName, const std::string& device) {
 void setOperUp(const std::string& nsName, const std::string& device) {
     Namespace& ns = enter(nsName);
     char buffer[MNL_SOCKET_BUFFER_SIZE];
-    nlmsghdr* message = mnl_nlmsg_put_header(buffer);
-    message->nlmsg_type = RTM_SETLINK;
-    message->nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
+    nlmsghdr* message = requestIn(buffer, RTM_SETLINK, 0);
     mnl_nlmsg_put_extra_header(message, sizeof(ifinfomsg));
     mnl_attr_put_strz(message, IFLA_IFNAME, device.c_str());
     mnl_attr_put_u8(message, IFLA_OPERSTATE, 6); // IF_OPER_UP
@@ -220,47 +223,49 @@ void writeSysctl(const std::string& nsName, const std::string& path, const std::
     close(fd);
 }
 
-// A command line the restore prescribes (the chip's `fab`), run without a shell.
+// Runs an argv without a shell, its standard input from `input` when given; false, counted,
+// when it does not exit 0.
+bool spawned(std::vector<std::string> argv, const std::string& input = "") {
+    std::vector<char*> pointers;
+    for (std::string& word : argv) {
+        pointers.push_back(word.data());
+    }
+    pointers.push_back(nullptr);
+    const int in = input.empty() ? -1 : open(input.c_str(), O_RDONLY | O_CLOEXEC);
+    const pid_t child = vfork();
+    if (child == 0) {
+        if (in >= 0) {
+            dup2(in, 0);
+        }
+        execvp(pointers[0], pointers.data());
+        _exit(127);
+    }
+    if (in >= 0) {
+        close(in);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+        errno = 0;
+        return failed(argv[0]);
+    }
+    return true;
+}
+
+// A command line the restore prescribes (the chip's `fab`).
 void runCommand(const std::string& line) {
     std::istringstream words(line);
     std::vector<std::string> argv;
     for (std::string word; words >> word;) {
         argv.push_back(word);
     }
-    std::vector<char*> pointers;
-    for (std::string& word : argv) {
-        pointers.push_back(word.data());
-    }
-    pointers.push_back(nullptr);
-    const pid_t child = vfork();
-    if (child == 0) {
-        execvp(pointers[0], pointers.data());
-        _exit(127);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-        errno = 0;
-        failed(line);
-    }
+    spawned(argv);
 }
 
 void runRules(const std::string& command, const std::string& file) {
     enter("default");
     const auto start = std::chrono::steady_clock::now();
-    const pid_t child = fork();
-    if (child == 0) {
-        const int in = open(file.c_str(), O_RDONLY);
-        dup2(in, 0);
-        execlp(command.c_str(), command.c_str(), "-n", nullptr);
-        _exit(127);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-        errno = 0;
-        failed(command);
-    }
+    spawned({command, "-n"}, file);
     rulesMs +=
         std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
 }

@@ -114,10 +114,7 @@ Chip::Chip(const std::string& logPath, Family family, std::set<std::string> refu
         }
     }
     // The chip picks the MAC; the driver sets the bridge MAC afterwards.
-    const auto kind = refuses("fabric-mac")  ? ChipPorts::Kind::noMac
-                      : refuses("fabric-up") ? ChipPorts::Kind::noUp
-                                             : ChipPorts::Kind::ethernet;
-    if (ports_.made("fabric", kind) != 0) {
+    if (ports_.made("fabric", kindFor("fabric")) != 0) {
         TRACE(0) << "chip: cannot make the fabric device: " << std::strerror(errno);
     }
 }
@@ -214,12 +211,22 @@ void Chip::afterCommand(const std::vector<std::string>& words) {
     }
 }
 
+ChipPorts::Kind Chip::kindFor(const std::string& device) const {
+    if (refuses(device + "-mac")) {
+        return ChipPorts::Kind::noMac;
+    }
+    if (refuses(device + "-up")) {
+        return ChipPorts::Kind::noUp;
+    }
+    // A port the chip resets is a VLAN kind too: its lower device is what goes down.
+    if (refuses(device + "-mtu") || refuses(device + "-reset")) {
+        return ChipPorts::Kind::jumbo;
+    }
+    return ChipPorts::Kind::ethernet;
+}
+
 int Chip::newCpuDevice(const std::string& name) {
-    const auto kind = refuses("port-mac")                            ? ChipPorts::Kind::noMac
-                      : refuses("port-up")                           ? ChipPorts::Kind::noUp
-                      : refuses("port-mtu") || refuses("port-reset") ? ChipPorts::Kind::jumbo
-                                                                     : ChipPorts::Kind::ethernet;
-    if (ports_.made(name, kind) != 0) {
+    if (ports_.made(name, kindFor("port")) != 0) {
         const int error = errno;
         TRACE(0) << "chip: cannot make the CPU device " << name << ": " << std::strerror(error);
         errno = error == EEXIST ? EEXIST : EIO;

@@ -86,6 +86,8 @@ class Chip {
     int strataCommand(const std::vector<std::string>& words);
     int sandCommand(const std::vector<std::string>& words);
     int newCpuDevice(const std::string& name);
+    // The kind of device the chip makes for "fabric" or a "port", by what it refuses.
+    ChipPorts::Kind kindFor(const std::string& device) const;
     // What a chip in trouble does once a command has taken.
     void afterCommand(const std::vector<std::string>& words);
 
