@@ -5,12 +5,14 @@
 //
 //   floor PLAN [DUMP OUTPUT]
 // exits 0 when every operation took; prints the milliseconds it took in all, then those of the
-// filter-rule tools. DUMP runs (its output to OUTPUT) before the floor lets go of its devices'
-// queues, so the state it reads is the one the floor left, carrier included.
+// filter-rule tools, then those of each phase the plan marks ("phase NAME" lines), in order. DUMP
+// runs (its output to OUTPUT) before the floor lets go of its devices' queues, so the state it
+// reads is the one the floor left, carrier included.
 //
 // Plan lines: "ns NAME", "tap NS DEVICE", "mtu NS DEVICE MTU", "mac NS DEVICE MAC",
 // "up NS DEVICE", "oper NS DEVICE", "addr NS DEVICE ADDRESS/PREFIX", "sysctl NS PATH VALUE",
-// "prio NS DEVICE", "run COMMAND LINE", "rules COMMAND FILE" (run with FILE on stdin).
+// "prio NS DEVICE", "run COMMAND LINE", "rules COMMAND FILE" (run with FILE on stdin),
+// "phase NAME" (the operations up to the next mark are timed as NAME's).
 #include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
@@ -283,12 +285,23 @@ int main(int argc, char** argv) {
         lines.push_back(line);
     }
     const auto start = std::chrono::steady_clock::now();
+    auto phaseStart = start;
+    std::vector<double> phaseMs;
+    const auto phaseEnds = [&] {
+        const auto now = std::chrono::steady_clock::now();
+        phaseMs.push_back(std::chrono::duration<double, std::milli>(now - phaseStart).count());
+        phaseStart = now;
+    };
     namespaces["default"].fd = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
     for (const std::string& line : lines) {
         std::istringstream words(line);
         std::string op, a, b, c, d;
         words >> op >> a >> b >> c >> d;
-        if (op == "ns") {
+        if (op == "phase") {
+            if (&line != &lines.front()) {
+                phaseEnds();
+            }
+        } else if (op == "ns") {
             addNamespace(a);
         } else if (op == "tap") {
             addTap(a, b);
@@ -312,9 +325,14 @@ int main(int argc, char** argv) {
             runCommand(line.substr(4));
         }
     }
+    phaseEnds();
     const double ms =
         std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
-    std::printf("%.1f %.1f\n", ms, rulesMs);
+    std::printf("%.1f %.1f", ms, rulesMs);
+    for (const double phase : phaseMs) {
+        std::printf(" %.1f", phase);
+    }
+    std::printf("\n");
     if (argc == 4) {
         setns(namespaces["default"].fd, CLONE_NEWNET);
         const std::string dump = std::string(argv[2]) + " > " + argv[3];

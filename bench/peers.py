@@ -48,9 +48,10 @@ def sysctls(device):
 def restorePlan(names, devices, modules, out):
     """The restore's kernel operations on the way to this state, in its order, with the
     command lines it prescribes (each chip module's `fab` role and state)."""
-    plan = ["ns %s" % ns for ns in names]
+    plan = ["phase init"] + ["ns %s" % ns for ns in names]
     for module in sorted(modules, key=lambda m: (m["modId"], m["busId"], m["chipModel"])):
         plan += ["run fab devrole %d switch" % module["modId"], "run fab devstate %d up" % module["modId"]]
+    plan.append("phase create")
     placed = {device["name"] for ns, device in devices if ns != "default"}
     chip = [(ns, d) for ns, d in devices if ns == "default"]
     fabric = [d for ns, d in chip if d["name"] == "fabric"]
@@ -64,12 +65,14 @@ def restorePlan(names, devices, modules, out):
         if device["qdisc"] == "prio":
             plan.append("prio default %s" % name)
     # A routed port of a VRF is made anew there; its chip device keeps the largest frames.
+    plan.append("phase move")
     for ns, device in devices:
         if ns != "default":
             plan += ["tap %s %s" % (ns, device["name"]),
                      "mac %s %s %s" % (ns, device["name"], device["mac"]),
                      "mtu default %s 10240" % device["name"]]
     # Each layer-3 device in its namespace: the IPv6 switch, MTU, addresses, up.
+    plan.append("phase configure")
     for ns, device in devices:
         name = device["name"]
         if ns == "default" and (name in placed or not (device["ipv4"] or device["ipv6"])):
@@ -79,6 +82,7 @@ def restorePlan(names, devices, modules, out):
         plan += ["addr %s %s %s" % (ns, name, a) for a in device["ipv4"] + device["ipv6"]]
         plan.append("up %s %s" % (ns, name))
     plan.append("sysctl default /proc/sys/net/ipv6/conf/all/forwarding 1")
+    plan.append("phase filterRules")
     for family in ("iptables", "ip6tables"):
         plan.append("rules %s-restore %s" % (family, os.path.join(out, family + ".rules")))
     return plan
