@@ -103,8 +103,9 @@ const std::set<std::string>& Chip::faultNames() {
     return names;
 }
 
-Chip::Chip(const std::string& logPath, Family family, std::set<std::string> refused)
-    : family_(family), refused_(std::move(refused)) {
+Chip::Chip(const std::string& logPath, Family family, std::set<std::string> refused,
+           LogWrites writes)
+    : family_(family), refused_(std::move(refused)), writes_(writes) {
     if (!logPath.empty()) {
         // Appending: the chip's tools add their lines to the same log as they run.
         log_ = std::fopen(logPath.c_str(), "w");
@@ -127,7 +128,16 @@ Chip::~Chip() {
 
 void Chip::log(const std::string& line) {
     if (log_ != nullptr) {
-        std::fprintf(log_, "%s\n", line.c_str());
+        std::fwrite(line.data(), 1, line.size(), log_);
+        std::fputc('\n', log_);
+        if (writes_ == LogWrites::eachLine) {
+            std::fflush(log_);
+        }
+    }
+}
+
+void Chip::doFlushLog() {
+    if (log_ != nullptr) {
         std::fflush(log_);
     }
 }

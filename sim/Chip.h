@@ -38,9 +38,16 @@ class Chip {
     // "bde-reopen" (the bde node takes one open only; the character-device daemon checks it).
     static const std::set<std::string>& faultNames();
 
+    // When the chip log's lines reach the file. The chip's tools append to the same file, so
+    // a chip in a process of its own writes each line at once; a chip inside the restore's
+    // process buffers them: the restore flushes its streams before it starts a tool, and
+    // exit and its assertions flush them too.
+    enum class LogWrites { eachLine, buffered };
+
     // Makes the "fabric" device, as loading the DMA module does, and starts the chip log at
     // logPath ("" keeps no log); std::runtime_error when that file cannot be written.
-    Chip(const std::string& logPath, Family family, std::set<std::string> refused = {});
+    Chip(const std::string& logPath, Family family, std::set<std::string> refused = {},
+         LogWrites writes = LogWrites::eachLine);
     ~Chip();
     Chip(const Chip&) = delete;
     Chip& operator=(const Chip&) = delete;
@@ -55,6 +62,8 @@ class Chip {
     static std::size_t recordSize(unsigned long request, const unsigned char* known,
                                   std::size_t knownSize);
     void log(const std::string& line);
+    // Writes out the log's buffered lines.
+    void doFlushLog();
     void refusedIs(std::set<std::string> names) { refused_ = std::move(names); }
     bool refuses(const std::string& name) const { return refused_.count(name) != 0; }
 
@@ -99,6 +108,7 @@ class Chip {
 
     Family family_;
     std::set<std::string> refused_;
+    LogWrites writes_;
     std::FILE* log_ = nullptr;
     ChipPorts ports_;
     bool fabricReset_ = false;

@@ -8,7 +8,8 @@
 
 namespace Kestrune::Sim {
 
-ChipSimulator::ChipSimulator(const std::string& logPath, Family family) : chip_(logPath, family) {}
+ChipSimulator::ChipSimulator(const std::string& logPath, Family family)
+    : chip_(logPath, family, {}, Chip::LogWrites::buffered) {}
 
 ChipSimulator::~ChipSimulator() {
     for (const auto& [fd, node] : open_) {

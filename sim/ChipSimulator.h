@@ -21,7 +21,8 @@ class ChipSimulator : public ChipDevice {
         return Chip::malformation(family, command);
     }
 
-    // See Chip: makes the fabric device and starts the chip log at logPath.
+    // See Chip: makes the fabric device and starts the chip log at logPath, buffered (see
+    // Chip::LogWrites; doFlushLog before reading it while the simulator lives).
     explicit ChipSimulator(const std::string& logPath, Family family = Family::strata);
     ~ChipSimulator() override;
     ChipSimulator(const ChipSimulator&) = delete;
@@ -36,6 +37,7 @@ class ChipSimulator : public ChipDevice {
     const auto& sandPorts() const { return chip_.sandPorts(); }
     // See Chip::faultNames.
     void refusedIs(std::set<std::string> names) { chip_.refusedIs(std::move(names)); }
+    void doFlushLog() { chip_.doFlushLog(); }
 
     // What a simulated switch's processes see: SIMULATION_VMID set (no modules to load, no
     // nodes to make), the chip's tools from toolsDir first on PATH, and where those tools keep

@@ -70,14 +70,15 @@ bool Driver::doInit() {
 }
 
 void Driver::doRaiseDescriptorLimit(std::size_t namespaces) {
-    // Three sockets a namespace stay open for the whole restore (the driver's two, and the
-    // one its TAP devices are made with), and a device made as a TAP keeps its queue open: up
-    // to two an interface (a routed port in a VRF is made there again; on a simulated chip
-    // every port is a TAP too). The chip's devices, the history, the commands' pipes and the
-    // namespace files opened on the way need the margin.
+    // Five descriptors a namespace stay open: the driver's two sockets, the socket and the
+    // namespace file its TAP devices are made with, and the namespace file configure enters
+    // it by. A device made as a TAP keeps its queue open: up to two an interface (a routed
+    // port in a VRF is made there again; on a simulated chip every port is a TAP too). The
+    // chip's devices, the history, the commands' pipes and the namespace files opened on the
+    // way need the margin.
     constexpr rlim_t margin = 128;
     const std::size_t interfaces = config_->interface().size();
-    const rlim_t needed = 3 * static_cast<rlim_t>(namespaces) + 2 * interfaces + margin;
+    const rlim_t needed = 5 * static_cast<rlim_t>(namespaces) + 2 * interfaces + margin;
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
     if (limit.rlim_cur >= needed) {

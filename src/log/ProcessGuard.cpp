@@ -108,7 +108,7 @@ extern "C" void onStopSignal(int signal) {
         }
     }
     std::fprintf(stderr, "Kestrune: %s\n", text.c_str());
-    std::fflush(stderr);
+    std::fflush(nullptr);
     doEndRunningCommand();
     try {
         TRACE(0) << text;

@@ -37,7 +37,8 @@ void assertionFailed(const char* condition, const char* file, int line) {
         std::fprintf(stderr, "Kestrune: the persistent store holds a value of the wrong JSON "
                              "type; `kestrune check` on the store shows where\n");
     }
-    std::fflush(stderr);
+    // Every stream's buffered lines (standard output, a simulated chip's log) survive the abort.
+    std::fflush(nullptr);
     // A command the restore started must not outlive it.
     doEndRunningCommand();
     try {

@@ -148,6 +148,9 @@ pid_t spawn(const std::string& commandLine, int stdinFd, int stdoutFd, int stder
         ::close(nullFd);
         return -1;
     }
+    // What the restore has written so far comes before anything the command writes to the
+    // same files (a simulated chip's log, a shared standard output).
+    std::fflush(nullptr);
     const pid_t pid = forkCommand(program.c_str(), argv.data(), streams, error[1]);
     ::close(error[1]);
     if (nullFd >= 0) {

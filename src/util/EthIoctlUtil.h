@@ -33,9 +33,13 @@ class EthIoctlUtil {
     // A socket of the namespace the thread is visiting, made there at its first device and
     // kept for the next ones.
     int socketOfThreadNs(std::string_view nsName);
+    // The namespace's descriptor, opened at its first device and kept for the next ones;
+    // -1 when its file cannot be opened (traced).
+    int namespaceFd(std::string_view nsName);
 
     std::vector<int> queues_;
     std::map<std::string, int, std::less<>> sockets_;
+    std::map<std::string, int, std::less<>> namespaces_;
 };
 
 } // namespace Kestrune

@@ -141,13 +141,53 @@ bool bindThreadNamespace(const char* operation, const std::string& path) {
 
 } // namespace
 
+int openNamespaceFd(const char* operation, std::string_view name) {
+    return openNamespace(operation, name);
+}
+
+NamespaceWalk::~NamespaceWalk() {
+    for (const auto& [name, fd] : fds_) {
+        ::close(fd);
+    }
+}
+
+int NamespaceWalk::enter(std::string_view name) {
+    if (inCurrent_ && name == current_) {
+        return 0;
+    }
+    auto found = fds_.find(name);
+    if (found == fds_.end()) {
+        const int fd = openNamespace("switchToNs", name);
+        if (fd < 0) {
+            return -1;
+        }
+        found = fds_.emplace(std::string(name), fd).first;
+    }
+    inCurrent_ = setns(found->second, CLONE_NEWNET) == 0;
+    if (!inCurrent_) {
+        TRACE(0) << "switchToNs cannot enter " << name << ": " << std::strerror(errno);
+        return -1;
+    }
+    current_ = name;
+    return 0;
+}
+
 NamespaceVisit::NamespaceVisit(const char* operation, std::string_view name) {
     const Descriptor target(openNamespace(operation, name));
-    if (target.get() < 0) {
-        return;
+    if (target.get() >= 0) {
+        enter(operation, name, target.get());
     }
+}
+
+NamespaceVisit::NamespaceVisit(const char* operation, std::string_view name, int namespaceFd) {
+    if (namespaceFd >= 0) {
+        enter(operation, name, namespaceFd);
+    }
+}
+
+void NamespaceVisit::enter(const char* operation, std::string_view name, int namespaceFd) {
     original_ = open(threadNamespace, O_RDONLY | O_CLOEXEC);
-    if (original_ < 0 || setns(target.get(), CLONE_NEWNET) != 0) {
+    if (original_ < 0 || setns(namespaceFd, CLONE_NEWNET) != 0) {
         TRACE(0) << operation << " cannot enter " << name << ": " << std::strerror(errno);
         return;
     }

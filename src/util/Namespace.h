@@ -4,6 +4,8 @@
 // bind-mounted on the namespace, so operators can `ip netns list` and `ip netns exec` them.
 // Entering a namespace changes the calling thread's namespace only.
 
+#include <functional>
+#include <map>
 #include <string>
 #include <string_view>
 
@@ -26,6 +28,9 @@ class NamespaceVisit {
   public:
     // `operation` names the caller in the trace of a failure to enter.
     NamespaceVisit(const char* operation, std::string_view name);
+    // Enters the namespace of a descriptor the caller holds (see openNamespaceFd), which saves
+    // the opening of its file on every visit; `name` is for the trace.
+    NamespaceVisit(const char* operation, std::string_view name, int namespaceFd);
     ~NamespaceVisit();
     NamespaceVisit(const NamespaceVisit&) = delete;
     NamespaceVisit& operator=(const NamespaceVisit&) = delete;
@@ -33,9 +38,35 @@ class NamespaceVisit {
     bool entered() const { return entered_; }
 
   private:
+    void enter(const char* operation, std::string_view name, int namespaceFd);
+
     int original_ = -1;
     bool entered_ = false;
 };
+
+// Enters named namespaces one after the other for the calling thread, as switchToNs does, for
+// a walk that enters one per item: each namespace's file is opened once, and the namespace
+// the walk entered last is not entered again. Nothing else may move the thread meanwhile
+// (a NamespaceVisit may: it returns).
+class NamespaceWalk {
+  public:
+    NamespaceWalk() = default;
+    ~NamespaceWalk();
+    NamespaceWalk(const NamespaceWalk&) = delete;
+    NamespaceWalk& operator=(const NamespaceWalk&) = delete;
+
+    // 0 when the thread is in the namespace, -1 (traced as switchToNs traces) when not.
+    int enter(std::string_view name);
+
+  private:
+    std::map<std::string, int, std::less<>> fds_;
+    std::string current_;
+    bool inCurrent_ = false;
+};
+
+// A descriptor of the named namespace, for visits; -1 (traced, naming the operation) when
+// its file cannot be opened. The caller closes it.
+int openNamespaceFd(const char* operation, std::string_view name);
 
 } // namespace Kestrune
 

@@ -9,11 +9,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <net/if.h>
 #include <net/if_arp.h>
 #include <stdexcept>
 #include <string_view>
 #include <sys/ioctl.h>
+#include <unistd.h>
 
 namespace {
 
@@ -47,10 +49,15 @@ unsigned char hexByteAt(std::string_view text, std::size_t offset) {
 } // namespace
 
 void procSysFileWrite(const char* path, int value) {
-    std::FILE* fp = std::fopen(path, "w");
+    // A descriptor, not a stream: a stream would cost a buffer and a stat per write, and the
+    // restore writes one of these per layer-3 interface.
+    const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    const bool fp = fd >= 0;
     KESTRUNE_ASSERT(fp);
-    std::fprintf(fp, "%d", value);
-    std::fclose(fp);
+    char text[16];
+    const int length = std::snprintf(text, sizeof text, "%d", value);
+    static_cast<void>(write(fd, text, static_cast<std::size_t>(length)));
+    close(fd);
 }
 
 void sysIpv6Disable(const char* deviceName, int value) {

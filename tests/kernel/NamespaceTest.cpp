@@ -92,6 +92,33 @@ TEST_F(Namespaces, ASocketLandsInItsNamespaceAndTheThreadStaysHome) {
                        "such file or directory"));
 }
 
+TEST_F(Namespaces, AWalkIsInEveryNamespaceItEnters) {
+    ASSERT_EQ(addNsEvenIfPresent("red"), 0);
+    ASSERT_EQ(addNsEvenIfPresent("blue"), 0);
+    NamespaceWalk walk;
+    // The same namespace twice, then back to one entered before: each file is opened once,
+    // and the thread must still end up where it was told.
+    for (const std::string& name : {std::string("red"), std::string("red"), std::string("blue"),
+                                    defaultNs, std::string("red")}) {
+        ASSERT_EQ(walk.enter(name), 0) << name;
+        EXPECT_EQ(threadNamespace(), inodeOf("/var/run/netns/" + name)) << name;
+    }
+    {
+        // A visit on the way returns the thread to where the walk left it.
+        const NamespaceVisit visit("test", "blue");
+        ASSERT_TRUE(visit.entered());
+    }
+    ASSERT_EQ(walk.enter("red"), 0);
+    EXPECT_EQ(threadNamespace(), inodeOf("/var/run/netns/red"));
+    // A namespace that is not there leaves the thread where it was.
+    EXPECT_EQ(walk.enter("green"), -1);
+    EXPECT_EQ(threadNamespace(), inodeOf("/var/run/netns/red"));
+    EXPECT_TRUE(traced("Kestrune:0 switchToNs cannot open namespace /var/run/netns/green: No "
+                       "such file or directory"));
+    ASSERT_EQ(walk.enter(defaultNs), 0);
+    EXPECT_EQ(threadNamespace(), inodeOf("/var/run/netns/" + defaultNs));
+}
+
 TEST_F(Namespaces, ATapIsCreatedInsideANamedNamespace) {
     ASSERT_EQ(addNsEvenIfPresent("red"), 0);
     const ether_addr mac = *ether_aton("00:1c:73:00:00:01");

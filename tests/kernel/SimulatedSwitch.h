@@ -35,7 +35,10 @@ class SimulatedSwitch : public PrivateNetwork {
         setenv("PATH", path_.c_str(), 1);
         PrivateNetwork::TearDown();
     }
-    std::vector<std::string> chipLog() const { return linesOf(dir_.file("chip.log")); }
+    std::vector<std::string> chipLog() const {
+        simulator_->doFlushLog();
+        return linesOf(dir_.file("chip.log"));
+    }
 
     const TempDir dir_;
     std::shared_ptr<Sim::ChipSimulator> simulator_;

@@ -111,6 +111,9 @@ void addSimulateCommand(CLI::App& app, int& status) {
                            chipDeviceIs(simulator);
                        },
                        {false, options->guard.filterRulesFirst()});
+        if (simulator) {
+            simulator->doFlushLog();
+        }
         const auto state = kernelState();
         std::cout << kernelStateTable(state);
         if (!report.failures.empty()) {
