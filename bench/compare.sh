@@ -9,16 +9,36 @@
 # qdiscs, addresses) is read back and checked against Kestrune's. Prints medians, spreads
 # (min-max) and ratios. The host kernel makes no VLAN devices, so the stores have none.
 #   bench/compare.sh [ROUNDS] [BUILD_DIR]       (root; ROUNDS defaults to 5)
+# With --scaling first, the stores are 64, 256, 1,024 and 4,096 ports (half of them routed, one
+# LAG of 4 per 8 ports, 32 VRFs, 2,000 rules a family), only Kestrune and the floor run, and
+# the tables say how each phase grows per 4 times the size.
+#   bench/compare.sh --scaling [ROUNDS] [BUILD_DIR]
 set -euo pipefail
 cd "$(dirname "$0")/.."
+scaling=0
+if [ "${1:-}" = --scaling ]; then
+    scaling=1
+    shift
+fi
 rounds=${1:-5}
 build=$(cd "${2:-build}" && pwd)
 work=$(mktemp -d /tmp/kestrune-compare-XXXXXX)
 trap 'rm -rf "$work"' EXIT
 [ -x "$build/bin/restore-floor" ] || { echo "compare: build first (cmake --build --preset default)" >&2; exit 2; }
 
-# The stores: the Strata example without its VLAN devices, then generated ones.
-python3 - "$work/example.json" <<'PY'
+# Ports of a generated store: half routed, one LAG of 4 for every 8 ports.
+generated() { # PORTS
+    python3 bench/generate-store.py --ports "$1" --routed $(($1 / 2)) --lags $(($1 / 8)) \
+        --members 4 --subintfs 0 --svis 0 --vrfs 32 --rules 2000 --compact -o "$work/$1.json"
+}
+if ((scaling)); then
+    stores=(64 256 1024 4096)
+    contenders=(kestrune floor)
+else
+    # The Strata example without its VLAN devices, then generated stores.
+    stores=(example 512 1024)
+    contenders=(kestrune floor batch shell)
+    python3 - "$work/example.json" <<'PY'
 import json, sys
 store = json.load(open("examples/strata.json"))
 store["Vant"]["subIntfNameToEncapVlanId"] = {}
@@ -26,10 +46,10 @@ store["Oku"]["interfaces"] = {k: v for k, v in store["Oku"]["interfaces"].items(
                               if "." not in k and not k.startswith("Vlan")}
 json.dump(store, open(sys.argv[1], "w"))
 PY
-python3 bench/generate-store.py --ports 512 --routed 256 --lags 64 --members 4 --subintfs 0 \
-    --svis 0 --vrfs 32 --rules 2000 --compact -o "$work/512.json"
-python3 bench/generate-store.py --ports 1024 --routed 512 --lags 128 --members 4 --subintfs 0 \
-    --svis 0 --vrfs 32 --rules 2000 --compact -o "$work/1024.json"
+fi
+for store in "${stores[@]}"; do
+    [ "$store" = example ] || generated "$store"
+done
 
 # Runs a command in fresh namespaces; prints its wall time in ms, then leaves the state read
 # back in $2.
@@ -59,17 +79,16 @@ settle() {
     done
 }
 
-for store in example 512 1024; do
+for store in "${stores[@]}"; do
     dir=$work/$store
     mkdir -p "$dir"
     # Kestrune's own run first: its state is the one the others must leave.
     "$build/bin/kestrune" simulate "$work/$store.json" --history "" --trace-file /dev/null \
         --report "$dir/reference.json" >/dev/null || true
     python3 bench/peers.py "$dir/reference.json" "$work/$store.json" "$dir"
-    contenders=(kestrune floor batch shell)
     for ((round = 0; round < rounds; round++)); do
-        for ((i = 0; i < 4; i++)); do
-            who=${contenders[$(((i + round) % 4))]}
+        for ((i = 0; i < ${#contenders[@]}; i++)); do
+            who=${contenders[$(((i + round) % ${#contenders[@]}))]}
             settle
             case $who in
             kestrune)
@@ -93,42 +112,56 @@ for store in example 512 1024; do
     done
 done
 
-python3 - "$work" <<'PY'
-import os, statistics, sys
-work = sys.argv[1]
+python3 - "$work" "$scaling" "${stores[@]}" <<'PY'
+import json, os, statistics, sys
+work, scaling, stores = sys.argv[1], sys.argv[2] == "1", sys.argv[3:]
 def times(store, who, column):
     return [float(line.split()[column]) for line in open(os.path.join(work, store, who + ".ms"))]
-print("| store | devices | Kestrune | floor | ip -batch | shell | Kestrune / floor | Kestrune / ip -batch | shell / Kestrune |")
-print("|---|---|---|---|---|---|---|---|---|")
-for store in ("example", "512", "1024"):
-    import json
-    devices = sum(len(v) for v in json.load(open(os.path.join(work, store, "reference.json")))["kernel"].values())
-    med = {}
-    cells = []
-    for who in ("kestrune", "floor", "batch", "shell"):
-        t = times(store, who, 0)
-        med[who] = statistics.median(t)
-        cells.append("%.0f (%.0f-%.0f)" % (med[who], min(t), max(t)))
-    print("| %s | %d | %s | %.2f | %.2f | %.1f |" % (store, devices, " | ".join(cells),
-          med["kestrune"] / med["floor"], med["kestrune"] / med["batch"], med["shell"] / med["kestrune"]))
-print()
+def median(store, who, column):
+    return statistics.median(times(store, who, column))
+def spread(store, who, column):
+    t = times(store, who, column)
+    return "%.0f (%.0f-%.0f)" % (statistics.median(t), min(t), max(t))
+def devices(store):
+    kernel = json.load(open(os.path.join(work, store, "reference.json")))["kernel"]
+    return sum(len(v) for v in kernel.values())
+
+if not scaling:
+    print("| store | devices | Kestrune | floor | ip -batch | shell | Kestrune / floor | Kestrune / ip -batch | shell / Kestrune |")
+    print("|---|---|---|---|---|---|---|---|---|")
+    for store in stores:
+        m = {who: median(store, who, 0) for who in ("kestrune", "floor", "batch", "shell")}
+        print("| %s | %d | %s | %.2f | %.2f | %.1f |" % (
+            store, devices(store), " | ".join(spread(store, who, 0) for who in m),
+            m["kestrune"] / m["floor"], m["kestrune"] / m["batch"], m["shell"] / m["kestrune"]))
+    print()
 print("Without the filter-rule tools (Kestrune: parse to configure; floor: its operations):")
-print("| store | Kestrune | floor | Kestrune / floor |")
-print("|---|---|---|---|")
-for store in ("example", "512", "1024"):
-    k, f = times(store, "kestrune", 1), times(store, "floor", 1)
-    print("| %s | %.0f (%.0f-%.0f) | %.0f (%.0f-%.0f) | %.2f |" % (store, statistics.median(k), min(k), max(k),
-          statistics.median(f), min(f), max(f), statistics.median(k) / statistics.median(f)))
+print("| store | devices | Kestrune | floor | Kestrune / floor |")
+print("|---|---|---|---|---|")
+for store in stores:
+    print("| %s | %d | %s | %s | %.2f |" % (store, devices(store), spread(store, "kestrune", 1),
+          spread(store, "floor", 1), median(store, "kestrune", 1) / median(store, "floor", 1)))
 print()
-print("By phase, medians in ms (Kestrune's init includes parsing the store):")
-print("| store | init | create | move | configure | filter rules |")
-print("|---|---|---|---|---|---|")
-for store in ("example", "512", "1024"):
+phases = ("init", "create", "move", "configure", "filter rules")
+print("By phase, medians in ms, Kestrune / floor (ratio); Kestrune's init includes parsing the store:")
+print("| store | " + " | ".join(phases) + " |")
+print("|---|" + "---|" * len(phases))
+for store in stores:
     cells = []
     for column in range(2, 7):
-        k = statistics.median(times(store, "kestrune", column))
-        f = statistics.median(times(store, "floor", column))
+        k, f = median(store, "kestrune", column), median(store, "floor", column)
         cells.append("%.0f / %.0f (%.2f)" % (k, f, k / f if f else float("nan")))
     print("| %s | %s |" % (store, " | ".join(cells)))
-print("(Kestrune / floor (ratio))")
+if scaling:
+    print()
+    print("Growth per 4 times the ports, Kestrune / floor (linear is 4.0):")
+    print("| from | to | " + " | ".join(phases) + " |")
+    print("|---|---|" + "---|" * len(phases))
+    for small, large in zip(stores, stores[1:]):
+        cells = []
+        for column in range(2, 7):
+            grow = [median(large, who, column) / max(median(small, who, column), 0.1)
+                    for who in ("kestrune", "floor")]
+            cells.append("%.1f / %.1f" % tuple(grow))
+        print("| %s | %s | %s |" % (small, large, " | ".join(cells)))
 PY

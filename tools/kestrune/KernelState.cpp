@@ -15,6 +15,7 @@
 #include <linux/pkt_sched.h>
 #include <linux/rtnetlink.h>
 #include <map>
+#include <optional>
 #include <sstream>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -130,9 +131,24 @@ int qdiscMessage(const nlmsghdr* message, void* data) {
     return MNL_CB_OK;
 }
 
+// Whether the kernel marked any message of this batch as part of a dump that changes made
+// while it ran left inconsistent (entries skipped or given twice).
+bool interrupted(const char* batch, std::size_t length) {
+    const auto* message = reinterpret_cast<const nlmsghdr*>(batch);
+    auto left = static_cast<int>(length);
+    for (; mnl_nlmsg_ok(message, left); message = mnl_nlmsg_next(message, &left)) {
+        if ((message->nlmsg_flags & NLM_F_DUMP_INTR) != 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
 // One dump request and every answer to it. The request's header is `headerSize` zero bytes
-// but for the address family in the first, as every rtnetlink header starts.
-bool dump(int fd, std::uint16_t type, std::size_t headerSize, mnl_cb_t callback, Dump& into) {
+// but for the address family in the first, as every rtnetlink header starts. `changed` tells
+// whether the kernel's tables changed while it ran.
+bool dump(int fd, std::uint16_t type, std::size_t headerSize, mnl_cb_t callback, Dump& into,
+          bool& changed) {
     alignas(nlmsghdr) std::array<char, 256> request{};
     nlmsghdr* header = mnl_nlmsg_put_header(request.data());
     header->nlmsg_type = type;
@@ -142,12 +158,14 @@ bool dump(int fd, std::uint16_t type, std::size_t headerSize, mnl_cb_t callback,
     if (send(fd, header, header->nlmsg_len, 0) < 0) {
         return false;
     }
-    std::vector<char> buffer(32768);
+    // Larger than the largest batch the kernel sends, so none is cut short.
+    std::vector<char> buffer(65536);
     for (;;) {
         const auto received = recv(fd, buffer.data(), buffer.size(), 0);
         if (received <= 0) {
             return false;
         }
+        changed = changed || interrupted(buffer.data(), static_cast<std::size_t>(received));
         const int result =
             mnl_cb_run(buffer.data(), static_cast<std::size_t>(received), 1, 0, callback, &into);
         if (result <= MNL_CB_STOP) {
@@ -169,22 +187,41 @@ std::vector<std::string> namespaceNames() {
     return names;
 }
 
+// What one namespace holds, or nothing when it cannot be read. Right after a restore the
+// kernel is still at work (link-local addresses arrive as devices get carrier): a dump it
+// interrupts, or one that fails, is read again on a fresh socket, a few times at most.
+std::optional<Dump> namespaceDump(const std::string& name) {
+    std::optional<Dump> found;
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        const int fd = openSocketInNs(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE, name);
+        if (fd < 0) {
+            return found;
+        }
+        bool changed = false;
+        found = Dump{};
+        const bool read =
+            dump(fd, RTM_GETLINK, sizeof(rtgenmsg), linkMessage, *found, changed) &&
+            dump(fd, RTM_GETADDR, sizeof(rtgenmsg), addressMessage, *found, changed) &&
+            dump(fd, RTM_GETQDISC, sizeof(tcmsg), qdiscMessage, *found, changed);
+        close(fd);
+        if (read && !changed) {
+            break;
+        }
+    }
+    return found;
+}
+
 } // namespace
 
 std::vector<NamespaceState> kernelState() {
     std::vector<NamespaceState> state;
     for (const std::string& name : namespaceNames()) {
-        const int fd = openSocketInNs(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE, name);
-        if (fd < 0) {
+        std::optional<Dump> found = namespaceDump(name);
+        if (!found) {
             continue;
         }
-        Dump found;
-        dump(fd, RTM_GETLINK, sizeof(rtgenmsg), linkMessage, found);
-        dump(fd, RTM_GETADDR, sizeof(rtgenmsg), addressMessage, found);
-        dump(fd, RTM_GETQDISC, sizeof(tcmsg), qdiscMessage, found);
-        close(fd);
         NamespaceState ns{name, {}};
-        for (auto& [index, device] : found.devices) {
+        for (auto& [index, device] : found->devices) {
             if (device.name != "lo" && !device.name.empty()) {
                 ns.devices.push_back(std::move(device));
             }
