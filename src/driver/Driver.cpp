@@ -59,13 +59,19 @@ bool Driver::doInit() {
     vrfCreateIs();
     vrfCreate_->doInit(config_);
     doRaiseDescriptorLimit(vrfCreate_->netNsName().size() + 1);
+    // Each namespace is entered once for both of its sockets, the default one last, so the
+    // thread ends where it started; a socket opened inside a namespace stays in it.
+    NamespaceWalk walk("openSocketInNs");
+    const auto openSockets = [&](const NamespaceName& ns) {
+        const bool inside = walk.enter(ns) == 0;
+        sockFdIs(ns, inside ? socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0) : -1);
+        netlinkFdIs(ns, inside ? socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, 0) : -1);
+    };
     for (const auto& [name, flag] : vrfCreate_->netNsName()) {
-        const NamespaceName ns = name;
-        sockFdIs(ns, openSocketInNs(AF_INET, SOCK_DGRAM, 0, ns));
-        netlinkFdIs(ns, openSocketInNs(AF_NETLINK, SOCK_DGRAM, 0, ns));
+        openSockets(NamespaceName(name));
     }
-    sockFdIs(DEFAULT_NS, openSocketInNs(AF_INET, SOCK_DGRAM, 0, DEFAULT_NS));
-    netlinkFdIs(DEFAULT_NS, openSocketInNs(AF_NETLINK, SOCK_DGRAM, 0, DEFAULT_NS));
+    openSockets(DEFAULT_NS);
+    KESTRUNE_ASSERT_TEXT(walk.enter(DEFAULT_NS) == 0, "switchToNs(DEFAULT_NS) == 0");
     return true;
 }
 

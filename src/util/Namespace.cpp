@@ -95,15 +95,18 @@ bool sameFile(int fd, const char* path) {
 // later shows in every mount namespace that shares the folder.
 bool namespaceDirReady(const char* operation) {
     const std::string dir(namespaceDir);
-    const mode_t mask = umask(0);
-    const int made = mkdir(dir.c_str(), 0755);
-    umask(mask);
-    if (made != 0 && errno != EEXIST) {
-        TRACE(0) << operation << " cannot make " << dir << ": " << std::strerror(errno);
-        return false;
-    }
-    if (isPlantedLink(operation, dir)) {
-        return false;
+    struct stat existing {};
+    if (lstat(dir.c_str(), &existing) != 0 || !S_ISDIR(existing.st_mode)) {
+        const mode_t mask = umask(0);
+        const int made = mkdir(dir.c_str(), 0755);
+        umask(mask);
+        if (made != 0 && errno != EEXIST) {
+            TRACE(0) << operation << " cannot make " << dir << ": " << std::strerror(errno);
+            return false;
+        }
+        if (isPlantedLink(operation, dir)) {
+            return false;
+        }
     }
     if (mount("", dir.c_str(), "none", MS_SHARED | MS_REC, nullptr) == 0) {
         return true;
@@ -157,7 +160,7 @@ int NamespaceWalk::enter(std::string_view name) {
     }
     auto found = fds_.find(name);
     if (found == fds_.end()) {
-        const int fd = openNamespace("switchToNs", name);
+        const int fd = openNamespace(operation_, name);
         if (fd < 0) {
             return -1;
         }
@@ -165,7 +168,7 @@ int NamespaceWalk::enter(std::string_view name) {
     }
     inCurrent_ = setns(found->second, CLONE_NEWNET) == 0;
     if (!inCurrent_) {
-        TRACE(0) << "switchToNs cannot enter " << name << ": " << std::strerror(errno);
+        TRACE(0) << operation_ << " cannot enter " << name << ": " << std::strerror(errno);
         return -1;
     }
     current_ = name;

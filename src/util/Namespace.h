@@ -50,15 +50,17 @@ class NamespaceVisit {
 // (a NamespaceVisit may: it returns).
 class NamespaceWalk {
   public:
-    NamespaceWalk() = default;
+    // `operation` names the walk's user in the trace of a failure to enter.
+    explicit NamespaceWalk(const char* operation = "switchToNs") : operation_(operation) {}
     ~NamespaceWalk();
     NamespaceWalk(const NamespaceWalk&) = delete;
     NamespaceWalk& operator=(const NamespaceWalk&) = delete;
 
-    // 0 when the thread is in the namespace, -1 (traced as switchToNs traces) when not.
+    // 0 when the thread is in the namespace, -1 (traced) when not.
     int enter(std::string_view name);
 
   private:
+    const char* operation_;
     std::map<std::string, int, std::less<>> fds_;
     std::string current_;
     bool inCurrent_ = false;
