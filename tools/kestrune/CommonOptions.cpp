@@ -10,7 +10,7 @@
 
 namespace Kestrune::Cli {
 
-void CommonOptions::addTo(CLI::App& command) {
+void CommonOptions::addTo(CLI::App& command, History byDefault) {
     command
         .add_option("--trace", traceLevels_,
                     "Trace levels to enable: comma-separated levels and ranges, e.g. 0,3 or "
@@ -18,9 +18,18 @@ void CommonOptions::addTo(CLI::App& command) {
         ->capture_default_str();
     command.add_option("--trace-file", traceFile_,
                        "Write trace lines to FILE instead of standard error");
-    command.add_option("--history", history_,
-                       "Record events in the event history FILE (without it, no events are "
-                       "recorded)");
+    if (byDefault == History::none) {
+        command.add_option("--history", history_,
+                           "Record events in the event history FILE (without it, no events are "
+                           "recorded)");
+        return;
+    }
+    history_ = Log::defaultHistoryPath;
+    CLI::Option* history =
+        command.add_option("--history", history_,
+                           "Record events in the event history FILE; '' records none")
+            ->capture_default_str();
+    command.add_flag("--no-history", noHistory_, "Record no events")->excludes(history);
 }
 
 void CommonOptions::apply() {
@@ -39,7 +48,7 @@ void CommonOptions::apply() {
         }
         Trace::sinkIs(Trace::streamSink(stream));
     }
-    Log::historyPathIs(history_);
+    Log::historyPathIs(noHistory_ ? std::string() : history_);
 }
 
 } // namespace Kestrune::Cli

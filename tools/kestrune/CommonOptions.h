@@ -8,7 +8,11 @@ namespace Kestrune::Cli {
 // The trace and history flags every restore-side subcommand shares.
 class CommonOptions {
   public:
-    void addTo(CLI::App& command);
+    // Where events go unless --history says otherwise: the switch's history for the restore
+    // itself, none for the commands that only rehearse or read a store.
+    enum class History { none, switchHistory };
+
+    void addTo(CLI::App& command, History byDefault = History::none);
     // Sets the trace levels and sink and the history file; throws CLI::ValidationError
     // for levels that do not parse and a trace file that cannot be opened.
     void apply();
@@ -17,6 +21,7 @@ class CommonOptions {
     std::string traceLevels_ = "0";
     std::string traceFile_;
     std::string history_;
+    bool noHistory_ = false;
 };
 
 // Exit status of a command line that is not understood.

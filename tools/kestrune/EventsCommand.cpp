@@ -8,8 +8,11 @@
 #include <algorithm>
 #include <cmath>
 #include <ctime>
+#include <filesystem>
 #include <iostream>
+#include <map>
 #include <memory>
+#include <stdexcept>
 
 namespace Kestrune::Cli {
 
@@ -18,7 +21,57 @@ namespace {
 struct EventsOptions {
     std::string history = Log::defaultHistoryPath;
     bool json = false;
+    std::string since;
+    std::vector<std::string> groups;
+    std::size_t limit = 0;
 };
+
+// The UTC time a --since text names, in seconds since the epoch: a date and time as the table
+// prints them ("2026-11-21 09:51:53", the seconds or the whole time of day may be left out),
+// or an age ("90s", "30m", "2h", "7d"). std::invalid_argument for anything else.
+double sinceTime(const std::string& text, double now) {
+    std::size_t used = 0;
+    double amount = -1;
+    try {
+        amount = std::stod(text, &used);
+    } catch (const std::exception&) {
+        used = 0;
+    }
+    static const std::map<std::string, double> units{
+        {"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}};
+    const auto unit = units.find(text.substr(std::min(used, text.size())));
+    if (used > 0 && amount >= 0 && unit != units.end() && text.find('-') == std::string::npos) {
+        return now - amount * unit->second;
+    }
+    for (const char* format : {"%Y-%m-%d %H:%M:%S", "%Y-%m-%d %H:%M", "%Y-%m-%d"}) {
+        std::tm parts{};
+        const char* end = strptime(text.c_str(), format, &parts);
+        if (end != nullptr && *end == '\0') {
+            return static_cast<double>(timegm(&parts));
+        }
+    }
+    throw std::invalid_argument("'" + text +
+                                "' is neither a UTC time such as \"2026-11-21 09:51:53\" nor an "
+                                "age such as 30m, 2h or 7d");
+}
+
+// The events the options select, oldest first: those since the time, of the groups, and of
+// those the last `limit`.
+std::vector<Event> selected(std::vector<Event> events, const EventsOptions& options) {
+    const double since = options.since.empty()
+                             ? 0
+                             : sinceTime(options.since, static_cast<double>(std::time(nullptr)));
+    const auto unwanted = [&](const Event& event) {
+        return event.time < since ||
+               (!options.groups.empty() && std::find(options.groups.begin(), options.groups.end(),
+                                                     event.group) == options.groups.end());
+    };
+    events.erase(std::remove_if(events.begin(), events.end(), unwanted), events.end());
+    if (options.limit > 0 && events.size() > options.limit) {
+        events.erase(events.begin(), events.end() - static_cast<std::ptrdiff_t>(options.limit));
+    }
+    return events;
+}
 
 // 2026-11-21 09:51:53.123
 std::string utcText(double seconds) {
@@ -72,14 +125,41 @@ void addEventsCommand(CLI::App& app, int& status) {
     auto options = std::make_shared<EventsOptions>();
     CLI::App* command = app.add_subcommand(
         "events", "Print the event history: what the restores of this switch recorded");
-    command->add_option("--history", options->history, "The event history file to read")
-        ->capture_default_str();
+    CLI::Option* history =
+        command->add_option("--history", options->history, "The event history file to read")
+            ->capture_default_str();
     command->add_flag("--json", options->json,
                       "Print a JSON array of {time, persistence, agent, group, message}");
-    command->callback([options, &status] {
+    command
+        ->add_option("--since", options->since,
+                     "Only events at or after this UTC time (\"2026-11-21 09:51:53\", or a date) "
+                     "or within this age (90s, 30m, 2h, 7d)")
+        ->check(CLI::Validator(
+            [](const std::string& text) {
+                try {
+                    sinceTime(text, 0);
+                    return std::string();
+                } catch (const std::invalid_argument& e) {
+                    return std::string(e.what());
+                }
+            },
+            "TIME|AGE"));
+    command->add_option("--group", options->groups,
+                        "Only events of this group, e.g. Driver or Assertion (repeatable)");
+    command->add_option("--limit", options->limit, "Only the last N of the selected events")
+        ->check(CLI::PositiveNumber);
+    command->callback([options, history, &status] {
+        std::error_code missing;
+        // A switch that has not restored yet has no history: that is no events, not a fault.
+        // A file named on the command line must be there.
+        if (history->count() == 0 && !std::filesystem::exists(options->history, missing)) {
+            std::cout << "no events recorded yet (" << options->history << " does not exist)\n";
+            status = 0;
+            return;
+        }
         std::vector<Event> events;
         try {
-            events = HistoryStore::historyOf(options->history);
+            events = selected(HistoryStore::historyOf(options->history), *options);
         } catch (const std::runtime_error& e) {
             std::cerr << "kestrune events: " << e.what() << '\n';
             status = 1;

@@ -38,7 +38,7 @@ void addRestoreCommand(CLI::App& app, int& status) {
                       "Finish a restore that was interrupted: devices already there are taken over "
                       "and configured, addresses already there kept, and the filter rules replace "
                       "the tables they name instead of adding to them");
-    options->common.addTo(*command);
+    options->common.addTo(*command, CommonOptions::History::switchHistory);
     options->guard.addTo(*command);
     command->callback([options, &status] {
         options->common.apply();
