@@ -14,10 +14,14 @@ class CommonOptions {
 
     void addTo(CLI::App& command, History byDefault = History::none);
     // Sets the trace levels and sink and the history file; throws CLI::ValidationError
-    // for levels that do not parse and a trace file that cannot be opened.
+    // for levels that do not parse and a trace file that cannot be opened. Unless --trace or
+    // --trace-file says otherwise, a terminal gets no trace lines (the commands print what
+    // matters) and anything else the failures' level, as the restore has always traced; the
+    // journal of a service gets its lines with a priority each.
     void apply();
 
   private:
+    CLI::Option* traceOption_ = nullptr;
     std::string traceLevels_ = "0";
     std::string traceFile_;
     std::string history_;

@@ -57,6 +57,7 @@ void addRestoreCommand(CLI::App& app, int& status) {
                        {options->resume, options->guard.filterRulesFirst()});
         const bool reported =
             options->report.empty() || reportWritten(options->report, report.json());
+        std::cout << report.summary();
         if (!report.started) {
             std::cerr << "kestrune restore: could not start: no store of a known platform, or "
                          "no driver for its platform (the trace says which)\n";

@@ -7,13 +7,18 @@
 #include "util/Json.h"
 #include "util/KernelName.h"
 #include "util/Stop.h"
+#include "util/Text.h"
 #include "util/Trace.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <set>
+#include <sstream>
 
 namespace Kestrune::Cli {
 namespace {
@@ -109,6 +114,55 @@ bool reportWritten(const std::string& path, const std::string& json) {
         return false;
     }
     return true;
+}
+
+std::string RestoreReport::summary() const {
+    std::ostringstream out;
+    std::set<std::string> namespaces;
+    std::size_t made = 0;
+    for (const Interface& intf : interfaces) {
+        if (intf.created) {
+            ++made;
+            namespaces.insert(intf.ns);
+        }
+    }
+    if (!started) {
+        out << "Nothing restored: no store of a known platform, or no driver for its platform\n";
+    } else {
+        out << "Restored the " << platformType << " store: " << made << " of " << interfaces.size()
+            << " interfaces made, in " << namespaces.size() << " namespace(s)\n";
+    }
+    out << "Phases (ms):";
+    char ms[32];
+    for (const auto& [phase, time] : phasesMs) {
+        std::snprintf(ms, sizeof ms, "%.1f", time);
+        out << (phase == "total" ? "; total " : " " + phase + " ") << ms;
+    }
+    out << "\n";
+    // Each distinct failure once, in the order it first happened.
+    std::vector<std::pair<std::string, int>> distinct;
+    for (const std::string& failure : failures) {
+        const auto seen = std::find_if(distinct.begin(), distinct.end(),
+                                       [&](const auto& known) { return known.first == failure; });
+        if (seen == distinct.end()) {
+            distinct.emplace_back(failure, 1);
+        } else {
+            ++seen->second;
+        }
+    }
+    if (distinct.empty()) {
+        out << "No failures\n";
+    } else {
+        out << failures.size() << " failure(s):\n";
+    }
+    for (const auto& [failure, count] : distinct) {
+        out << "  " << escapedText(failure)
+            << (count > 1 ? " (" + std::to_string(count) + " times)" : "") << "\n";
+    }
+    if (stoppedBy != 0) {
+        out << "Stopped by " << signalName(stoppedBy) << " before it finished\n";
+    }
+    return out.str();
 }
 
 RestoreReport runRestore(const std::function<ConfigParser::Ptr()>& parserOf,

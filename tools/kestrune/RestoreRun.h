@@ -42,6 +42,9 @@ struct RestoreReport {
     }
     // The report as a JSON object; `extra` adds members (the simulator's kernel state).
     std::string json(const std::string& extraName = "", const std::string& extraJson = "") const;
+    // A few lines for people: what was restored, how long each phase took, and each failure
+    // once, with how often it happened.
+    std::string summary() const;
 };
 
 // The flags of the commands that run a restore, beyond the common ones.

@@ -115,13 +115,7 @@ void addSimulateCommand(CLI::App& app, int& status) {
             simulator->doFlushLog();
         }
         const auto state = kernelState();
-        std::cout << kernelStateTable(state);
-        if (!report.failures.empty()) {
-            std::cout << "\n" << report.failures.size() << " failure(s):\n";
-            for (const std::string& failure : report.failures) {
-                std::cout << "  " << failure << "\n";
-            }
-        }
+        std::cout << kernelStateTable(state) << "\n" << report.summary();
         const bool reported =
             options->report.empty() ||
             reportWritten(options->report, report.json("kernel", kernelStateJson(state)));
