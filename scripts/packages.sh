@@ -5,7 +5,7 @@ packages=(
     build-essential cmake ninja-build pkg-config git python3
     clang clang-format clang-tidy libclang-rt-14-dev
     rapidjson-dev libmnl-dev libsqlite3-dev libcli11-dev libgtest-dev libgmock-dev
-    sqlite3 iproute2 iptables
+    sqlite3 iproute2 iptables man-db systemd
     qemu-system-x86 cpio kmod busybox-static libfuse3-dev debootstrap
 )
 

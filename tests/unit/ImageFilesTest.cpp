@@ -1,0 +1,126 @@
+// What an image installs around the CLI: the man page and the bash completion, both written
+// from the CLI's help, and the boot service.
+#include "Scenario.h"
+
+#include <fstream>
+#include <gtest/gtest.h>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+
+namespace Kestrune {
+namespace {
+
+using Testing::shellOutput;
+using Testing::TempDir;
+
+const std::string cli = KESTRUNE_CLI;
+const char* const commands[] = {"restore", "simulate", "check", "show", "events"};
+
+// Whether a program is on PATH. The 32-bit root has no man-db and no systemd: the files are
+// the same text on every architecture, and the 64-bit run checks them.
+bool installed(const std::string& program) {
+    int status = -1;
+    shellOutput("command -v " + program + " >/dev/null", &status);
+    return status == 0;
+}
+
+// The long flags a command's help names.
+std::set<std::string> flagsOf(const std::string& command) {
+    int status = -1;
+    const std::string help = shellOutput(cli + " " + command + " --help", &status);
+    std::set<std::string> flags;
+    const std::regex flag("(^|[ ,])(--[a-z][a-z-]*)");
+    for (auto match = std::sregex_iterator(help.begin(), help.end(), flag);
+         match != std::sregex_iterator(); ++match) {
+        flags.insert((*match)[2]);
+    }
+    return flags;
+}
+
+TEST(ImageFiles, TheManPageHasEveryCommandAndFlagTheHelpHas) {
+    if (!installed("man")) {
+        GTEST_SKIP() << "no man here";
+    }
+    int status = -1;
+    const std::string page = shellOutput(
+        "LC_ALL=C.UTF-8 MANWIDTH=200 man --warnings -l " KESTRUNE_MAN_PAGE " 2>&1", &status);
+    ASSERT_EQ(status, 0) << page;
+    // Each command's section, up to the next one.
+    for (const std::string command : commands) {
+        const std::size_t start = page.find("   kestrune " + command + "\n");
+        ASSERT_NE(start, std::string::npos) << command << " has no section:\n" << page;
+        const std::size_t end = page.find("\n   kestrune ", start + 1);
+        const std::string section = page.substr(start, end - start);
+        for (const std::string& flag : flagsOf(command)) {
+            EXPECT_NE(section.find(flag), std::string::npos) << command << " " << flag;
+        }
+    }
+    EXPECT_EQ(page.find("warning"), std::string::npos) << page;
+}
+
+TEST(ImageFiles, BashCompletesCommandsAndEachCommandsFlags) {
+    // What the completion offers for the words typed so far, the last being completed.
+    const auto offered = [](const std::string& words) {
+        int status = -1;
+        return shellOutput("bash -c 'source " KESTRUNE_COMPLETION "; COMP_WORDS=(" + words +
+                               "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _kestrune; echo "
+                               "${COMPREPLY[@]}'",
+                           &status);
+    };
+    struct Case {
+        const char* words;
+        const char* offer;
+    };
+    const Case cases[] = {
+        {"kestrune re", "restore\n"},
+        {"kestrune \"\"", "restore simulate check show events --help --version\n"},
+        {"kestrune restore --no", "--no-history\n"},
+        {"kestrune events --s", "--since\n"},
+        {"kestrune --version events --l", "--limit\n"},
+        {"kestrune simulate --chip-r", "--chip-refuses\n"},
+        {"kestrune show --tr", "--trace --trace-file\n"},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(offered(c.words), c.offer) << c.words;
+    }
+    for (const std::string command : commands) {
+        std::istringstream words(offered("kestrune " + command + " --"));
+        std::set<std::string> all;
+        for (std::string word; words >> word;) {
+            all.insert(word);
+        }
+        for (const std::string& flag : flagsOf(command)) {
+            EXPECT_EQ(all.count(flag), 1U) << command << " " << flag;
+        }
+    }
+}
+
+TEST(ImageFiles, TheServiceManagerAcceptsTheBootService) {
+    if (!installed("systemd-analyze")) {
+        GTEST_SKIP() << "no systemd-analyze here";
+    }
+    // The unit as installed, its program the one just built.
+    const TempDir dir;
+    std::ifstream in(KESTRUNE_SERVICE_UNIT);
+    std::stringstream unit;
+    unit << in.rdbuf();
+    std::string text = unit.str();
+    const std::string installed = KESTRUNE_UNIT_BINARY;
+    ASSERT_NE(text.find("ExecStart=" + installed + " restore "), std::string::npos) << text;
+    text.replace(text.find(installed), installed.size(), cli);
+    dir.write("kestrune-restore.service", text);
+    int status = -1;
+    const std::string verdict = shellOutput(
+        "MANPATH=" +
+            std::string(KESTRUNE_MAN_PAGE)
+                .substr(0, std::string(KESTRUNE_MAN_PAGE).rfind("/man1/")) +
+            ": systemd-analyze verify " + dir.file("kestrune-restore.service") + " 2>&1",
+        &status);
+    EXPECT_EQ(status, 0) << verdict;
+    EXPECT_EQ(verdict, "") << "warnings";
+}
+
+} // namespace
+} // namespace Kestrune
