@@ -39,6 +39,7 @@ attach bind "$source" "$root/kestrune"
 attach proc proc "$root/proc"
 attach sysfs sysfs "$root/sys"
 attach bind /dev "$root/dev"
+attach bind /dev/pts "$root/dev/pts" # terminals, for the tests of what a terminal shows
 attach tmpfs tmpfs "$root/run"
 attach tmpfs tmpfs "$root/tmp"
 

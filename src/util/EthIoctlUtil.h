@@ -28,6 +28,8 @@ class EthIoctlUtil {
     // already in the namespace is taken over. The thread stays in its own namespace.
     bool createIntf(const std::string& name, const ether_addr& mac, bool operStatus,
                     std::string_view nsName);
+    // The queues of the devices made so far, open until this object goes.
+    const std::vector<int>& queues() const { return queues_; }
 
   private:
     // A socket of the namespace the thread is visiting, made there at its first device and

@@ -76,11 +76,14 @@ void ProductionSwitch::SetUp() {
 
 void ProductionSwitch::TearDown() {
     // The daemon holds the chip's device numbers for the whole guest: the next test needs them.
-    std::ifstream pidFile(dir_ ? file("daemon.pid") : "");
-    pid_t pid = 0;
-    if (pidFile >> pid && pid > 0 && kill(pid, SIGTERM) == 0) {
-        for (int i = 0; i < 500 && kill(pid, 0) == 0; ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    // The restore's queue holder keeps this test's namespaces alive.
+    for (const std::string& pidPath : {dir_ ? file("daemon.pid") : "", queueHolderPidFile}) {
+        std::ifstream pidFile(pidPath);
+        pid_t pid = 0;
+        if (pidFile >> pid && pid > 0 && kill(pid, SIGTERM) == 0) {
+            for (int i = 0; i < 500 && running(pid); ++i) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            }
         }
     }
     umount2("/etc/modprobe.d", MNT_DETACH);
@@ -88,6 +91,17 @@ void ProductionSwitch::TearDown() {
     dir_.reset();
     PrivateNetwork::TearDown();
 }
+
+bool ProductionSwitch::running(pid_t pid) {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    std::getline(stat, line);
+    const std::size_t state = line.rfind(')');
+    return kill(pid, 0) == 0 && state != std::string::npos && state + 2 < line.size() &&
+           line[state + 2] != 'Z';
+}
+
+const std::string ProductionSwitch::queueHolderPidFile = "/run/kestrune/queues.pid";
 
 void ProductionSwitch::moduleCommandIs(const std::string& module, const std::string& command) {
     std::ofstream(std::string("/etc/modprobe.d/") + module + ".conf")

@@ -8,6 +8,7 @@
 #include <memory>
 #include <rapidjson/document.h>
 #include <string>
+#include <sys/types.h>
 
 namespace Kestrune::Testing {
 
@@ -42,6 +43,12 @@ class ProductionSwitch : public PrivateNetwork {
     // The expected file in tests/production/expected/; also writes `actual` beside it in
     // $KESTRUNE_ACTUAL_DIR when that is set, to review a change.
     static std::string expected(const std::string& name, const std::string& actual);
+
+    // Where the restore's queue holder (`kestrune hold`) keeps its pid.
+    static const std::string queueHolderPidFile;
+    // Alive and not yet a zombie: the guest's init may be slow to reap a process whose
+    // parent, the restore, is gone.
+    static bool running(pid_t pid);
 
   private:
     std::unique_ptr<TempDir> dir_;

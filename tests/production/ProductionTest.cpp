@@ -46,8 +46,9 @@ TEST_P(ExampleRestore, TheChipHearsTheExpectedSequenceAndTheKernelHoldsTheStore)
         example == "strata" ? "load strata-dma-drv app_en=0\n" : "load sand-dma\n";
     EXPECT_EQ(chip, load + contentOf(std::string(KESTRUNE_SOURCE_DIR) + "/tests/vm/expected/" +
                                      example + "-example-chip.log"));
-    // The VRFs' routed ports read DOWN: they are TAP devices whose queues the restore's process
-    // held, and it has ended. The chip's own devices stay up: the daemon holds them.
+    // Read after the restore's process has ended: the VRFs' routed ports, TAP devices of the
+    // restore's own, keep their carrier (its holder has their queues), as the chip's devices
+    // do (the daemon holds those).
     const std::string kernel = kernelText();
     EXPECT_EQ(kernel, expected(example + "-kernel.txt", kernel));
     // The switch's sequence, in its order, through the real devices.
@@ -74,6 +75,30 @@ namespace {
 
 // A switch whose DMA module and nodes are already there (a restore run twice, or a system
 // that loads the module itself): no module load, no node, no prio qdisc on fabric.
+TEST_F(ProductionSwitch, ASecondRestoreEndsTheFirstsHolderAndTakesItsDevicesOver) {
+    moduleIs("strata");
+    storeIs("strata");
+    ASSERT_EQ(restore().exitCode, 0);
+    const std::string first = contentOf(queueHolderPidFile);
+    ASSERT_FALSE(first.empty());
+    // Run again, as after an interruption: it takes over what the first made.
+    const CliResult second = restore({"--resume"});
+    EXPECT_EQ(second.exitCode, 0);
+    const std::string next = contentOf(queueHolderPidFile);
+    EXPECT_NE(next, first);
+    EXPECT_FALSE(running(std::stoi(first))) << "the first holder still runs";
+    // The state is the first restore's, but that a device taken over reads UP where one just
+    // made reads UNKNOWN: both are up with carrier.
+    const auto withCarrier = [](std::string text) {
+        for (std::size_t at = 0; (at = text.find(" UNKNOWN ", at)) != std::string::npos;) {
+            text.replace(at, 9, " UP      ");
+        }
+        return text;
+    };
+    const std::string kernel = kernelText();
+    EXPECT_EQ(withCarrier(kernel), withCarrier(expected("strata-kernel.txt", kernel)));
+}
+
 TEST_F(ProductionSwitch, AFabricDeviceAlreadyThereSkipsTheModuleTheNodeAndTheQdisc) {
     moduleLoaded("strata");
     storeIs("strata");

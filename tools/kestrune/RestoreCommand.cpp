@@ -1,10 +1,13 @@
 #include "RestoreCommand.h"
 
 #include "CommonOptions.h"
+#include "QueueHolder.h"
 #include "RestoreRun.h"
+#include "log/Log.h"
 #include "parser/ConfigParserCreator.h"
 #include "util/RestoreLock.h"
 #include "util/Stop.h"
+#include "util/Trace.h"
 
 #include <cstdlib>
 #include <fstream>
@@ -52,9 +55,25 @@ void addRestoreCommand(CLI::App& app, int& status) {
         if (!options->pstoreDir.empty()) {
             setenv("ZEL_PSTORE_PATH", options->pstoreDir.c_str(), 1);
         }
+        // The devices a previous restore made are taken over, which its holder would refuse.
+        std::string problem;
+        if (!doEndQueueHolder(problem)) {
+            std::cerr << "kestrune restore: " << problem << "\n";
+            Log::logEvent("QueueHolder", problem);
+        }
+        RestoreChoices choices{options->resume, options->guard.filterRulesFirst(), {}};
+        choices.finished = [](const Driver& driver) {
+            if (!driver.vrfCreate() || !driver.vrfCreate()->ioctlUtil()) {
+                return;
+            }
+            std::string failure;
+            if (!doHoldQueues(driver.vrfCreate()->ioctlUtil()->queues(), failure)) {
+                TRACE(0) << "QueueHolder " << failure;
+                Log::logEvent("QueueHolder", failure);
+            }
+        };
         const RestoreReport report =
-            runRestore([] { return configParserCreatorFactory()->create(); }, {},
-                       {options->resume, options->guard.filterRulesFirst()});
+            runRestore([] { return configParserCreatorFactory()->create(); }, {}, choices);
         const bool reported =
             options->report.empty() || reportWritten(options->report, report.json());
         std::cout << report.summary();

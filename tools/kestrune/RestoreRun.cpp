@@ -203,6 +203,9 @@ RestoreReport runRestore(const std::function<ConfigParser::Ptr()>& parserOf,
                  intf->netNsName(), driver && driver->created(name), foundIn});
         }
     }
+    if (driver && choices.finished) {
+        choices.finished(*driver);
+    }
     Log::observerIs({});
     Log::doStorePending();
     report.history = Log::historyStatus();

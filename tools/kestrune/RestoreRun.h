@@ -1,5 +1,6 @@
 #pragma once
 
+#include "driver/Driver.h"
 #include "log/Log.h"
 #include "parser/ConfigParser.h"
 
@@ -66,6 +67,9 @@ struct RestoreChoices {
     // The filter rules before the devices: their tools' cost grows with the addresses already
     // there, and the CPU is never up without its filter. False keeps the library's order.
     bool filterRulesFirst = true;
+    // Sees the driver once the restore is over, before it is released with what it holds
+    // (the queues of the devices it made); its events are failures of the restore.
+    std::function<void(const Driver&)> finished;
 };
 
 // The caller's sequence: parse, choose the driver, bring the chip up, then create, move,

@@ -110,7 +110,7 @@ void addSimulateCommand(CLI::App& app, int& status) {
                            simulator->refusedIs({options->refused.begin(), options->refused.end()});
                            chipDeviceIs(simulator);
                        },
-                       {false, options->guard.filterRulesFirst()});
+                       {false, options->guard.filterRulesFirst(), {}});
         if (simulator) {
             simulator->doFlushLog();
         }

@@ -1,6 +1,7 @@
 #include "CheckCommand.h"
 #include "CommonOptions.h"
 #include "EventsCommand.h"
+#include "QueueHolder.h"
 #include "RestoreCommand.h"
 #include "ShowCommand.h"
 #include "SimulateCommand.h"
@@ -22,6 +23,7 @@ int main(int argc, char** argv) {
     Kestrune::Cli::addCheckCommand(app, status);
     Kestrune::Cli::addShowCommand(app, status);
     Kestrune::Cli::addEventsCommand(app, status);
+    Kestrune::Cli::addHoldCommand(app, status);
 
     try {
         app.parse(argc, argv);
