@@ -65,7 +65,7 @@ int serve(CuseNode& fabric, CuseNode& bde, int readyPipe) {
     CuseNode* nodes[2] = {&fabric, &bde};
     while (stopping == 0) {
         if (readyPipe >= 0 && fabric.ready() && bde.ready()) {
-            static_cast<void>(::write(readyPipe, "", 1));
+            [[maybe_unused]] const ssize_t told = ::write(readyPipe, "", 1);
             ::close(readyPipe);
             readyPipe = -1;
             // Whoever loaded the module may wait for the end of its output: let go of it.

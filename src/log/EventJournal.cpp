@@ -136,14 +136,16 @@ bool EventJournal::doAppend(const Event& event) {
              (written < 0 ? std::strerror(errno) : "short write");
     if (written > 0) {
         // A partial record would glue itself to the next one: end it so it is left out.
-        static_cast<void>(::write(fd_, "\n", 1));
+        [[maybe_unused]] const ssize_t ended = ::write(fd_, "\n", 1);
     }
     return false;
 }
 
 void EventJournal::doClear() {
     if (fd_ >= 0) {
-        static_cast<void>(ftruncate(fd_, 0));
+        // Left whole, the journal only offers events the history already has: they are
+        // stored once, by their origin.
+        [[maybe_unused]] const int cleared = ftruncate(fd_, 0);
     }
 }
 
@@ -160,7 +162,7 @@ void EventJournal::doRemove() {
 
 void EventJournal::appendFromSignal(const char* record, unsigned size) {
     if (signalFd >= 0) {
-        static_cast<void>(::write(signalFd, record, size));
+        [[maybe_unused]] const ssize_t written = ::write(signalFd, record, size);
         static_cast<void>(::fdatasync(signalFd));
     }
 }

@@ -84,7 +84,7 @@ void StrataDriver::configureBdeModuleParam() {
         return;
     }
     constexpr std::string_view options = "options kovana-bde fixed_modid=1\n";
-    static_cast<void>(::write(fd, options.data(), options.size()));
+    [[maybe_unused]] const ssize_t written = ::write(fd, options.data(), options.size());
     ::close(fd);
 }
 

@@ -88,7 +88,7 @@ std::string programPath(const std::string& name) {
     sigprocmask(SIG_SETMASK, &none, nullptr);
     execve(program, argv, environ);
     const int error = errno;
-    static_cast<void>(::write(errorFd, &error, sizeof error));
+    [[maybe_unused]] const ssize_t told = ::write(errorFd, &error, sizeof error);
     _exit(127);
 }
 

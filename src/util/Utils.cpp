@@ -56,7 +56,7 @@ void procSysFileWrite(const char* path, int value) {
     KESTRUNE_ASSERT(fp);
     char text[16];
     const int length = std::snprintf(text, sizeof text, "%d", value);
-    static_cast<void>(write(fd, text, static_cast<std::size_t>(length)));
+    [[maybe_unused]] const ssize_t written = write(fd, text, static_cast<std::size_t>(length));
     close(fd);
 }
 

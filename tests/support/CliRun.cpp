@@ -57,8 +57,10 @@ CliResult runCli(const CliRun& run) {
     const pid_t child = fork();
     if (child == 0) {
         setenv("PATH", path.c_str(), 1);
-        freopen("/dev/null", "w", stdout);
-        freopen("/dev/null", "w", stderr);
+        if (freopen("/dev/null", "w", stdout) == nullptr ||
+            freopen("/dev/null", "w", stderr) == nullptr) {
+            _exit(126);
+        }
         execv(argv[0], argv.data());
         _exit(127);
     }

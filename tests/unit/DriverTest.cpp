@@ -148,7 +148,9 @@ TEST(DriverSequence, WhatMustNeverHappenEndsTheProcessOnTheWrittenAssertion) {
     for (const auto& c : cases) {
         const TempDir dir;
         const Outcome outcome = runProcess(dir, [&] {
-            static_cast<void>(std::freopen(dir.file("stderr").c_str(), "w", stderr));
+            if (std::freopen(dir.file("stderr").c_str(), "w", stderr) == nullptr) {
+                std::_Exit(126);
+            }
             c.body();
         });
         EXPECT_EQ(contentOf(dir.file("stderr")).rfind(c.said, 0), 0U) << c.what;
