@@ -16,7 +16,9 @@ set(KESTRUNE_BINARY ${CMAKE_INSTALL_FULL_BINDIR}/kestrune)
 set(KESTRUNE_DEFAULTS_FILE ${CMAKE_INSTALL_FULL_SYSCONFDIR}/default/kestrune)
 configure_file(${PROJECT_SOURCE_DIR}/service/kestrune-restore.service.in
                ${PROJECT_BINARY_DIR}/kestrune-restore.service @ONLY)
-# Units go where the service manager looks, /lib/systemd/system, under the prefix.
-install(FILES ${PROJECT_BINARY_DIR}/kestrune-restore.service DESTINATION lib/systemd/system)
-install(FILES ${PROJECT_SOURCE_DIR}/service/kestrune.default DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/default
-        RENAME kestrune)
+# Units go where the service manager looks: under the prefix, or where a distribution's
+# packages put them (Debian 12: /lib/systemd/system).
+set(KESTRUNE_SYSTEMD_UNIT_DIR lib/systemd/system CACHE STRING "Where the boot service is installed")
+install(FILES ${PROJECT_BINARY_DIR}/kestrune-restore.service DESTINATION ${KESTRUNE_SYSTEMD_UNIT_DIR})
+install(FILES ${PROJECT_SOURCE_DIR}/service/kestrune.default
+        DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/default RENAME kestrune)

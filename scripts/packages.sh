@@ -7,6 +7,7 @@ packages=(
     rapidjson-dev libmnl-dev libsqlite3-dev libcli11-dev libgtest-dev libgmock-dev
     sqlite3 iproute2 iptables man-db systemd
     qemu-system-x86 cpio kmod busybox-static libfuse3-dev debootstrap
+    debhelper lintian
 )
 
 install_packages() {

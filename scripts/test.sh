@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The one test command: installs every Debian package Kestrune needs, checks formatting and
 # lint, builds the default and the sanitizer build, runs every test tier in both, checks
-# that an installed Kestrune is usable from CMake and pkg-config, builds and tests the
+# that an installed Kestrune is usable from CMake and pkg-config, builds the Debian packages
+# and uses them in a fresh Debian 12 root (scripts/package-test.sh), builds and tests the
 # 32-bit x86 production target in a Debian i386 root and guest, and fuzzes the store
 # parser for a minute (FUZZ_SECONDS to change that; 0 skips the fuzz build).
 set -euo pipefail
@@ -94,6 +95,8 @@ check_format
 build_and_test default
 check_lint
 check_package
+step "Debian packages"
+scripts/package-test.sh
 build_and_test asan
 step "32-bit x86 (the production target)"
 scripts/i386-test.sh

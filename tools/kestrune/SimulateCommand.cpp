@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -23,8 +24,20 @@ namespace Kestrune::Cli {
 
 namespace {
 
+// A file the package installs, found from this program's own folder, or where the build
+// tree keeps it when this program has not been installed.
+std::string installedOr(const std::string& fromProgram, const std::string& inBuildTree) {
+    std::error_code error;
+    const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
+    const std::filesystem::path installed = self.parent_path() / fromProgram;
+    return !error && std::filesystem::exists(installed, error)
+               ? installed.lexically_normal().string()
+               : inBuildTree;
+}
+
 struct SimulateOptions {
-    std::string file = KESTRUNE_EXAMPLE_STORE;
+    std::string file =
+        installedOr(KESTRUNE_EXAMPLES_FROM_BIN "/strata.json", KESTRUNE_EXAMPLE_STORE);
     std::string chipLog;
     std::string report;
     std::vector<std::string> refused;
@@ -86,6 +99,9 @@ void addSimulateCommand(CLI::App& app, int& status) {
     command->callback([options, &status] {
         options->common.apply();
         options->guard.apply();
+        // Found before the sandbox: in a chroot, a new mount namespace sees this program's
+        // path from outside the chroot.
+        const std::string chipTools = installedOr(KESTRUNE_TOOLS_FROM_BIN, KESTRUNE_CHIP_TOOLS);
         if (!sandboxed()) {
             status = 2;
             return;
@@ -98,8 +114,7 @@ void addSimulateCommand(CLI::App& app, int& status) {
             status = 2;
             return;
         }
-        Sim::ChipSimulator::environmentIs(KESTRUNE_CHIP_TOOLS, chipLog,
-                                          "/run/kestrune-chip-registers");
+        Sim::ChipSimulator::environmentIs(chipTools, chipLog, "/run/kestrune-chip-registers");
         mountDefaultNs();
         std::shared_ptr<Sim::ChipSimulator> simulator;
         const RestoreReport report =
