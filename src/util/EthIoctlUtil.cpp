@@ -59,21 +59,6 @@ EthIoctlUtil::~EthIoctlUtil() {
     for (const auto& [ns, socket] : sockets_) {
         close(socket);
     }
-    for (const auto& [ns, fd] : namespaces_) {
-        close(fd);
-    }
-}
-
-int EthIoctlUtil::namespaceFd(std::string_view nsName) {
-    const auto found = namespaces_.find(nsName);
-    if (found != namespaces_.end()) {
-        return found->second;
-    }
-    const int fd = openNamespaceFd("createIntf", nsName);
-    if (fd >= 0) {
-        namespaces_.emplace(std::string(nsName), fd);
-    }
-    return fd;
 }
 
 int EthIoctlUtil::socketOfThreadNs(std::string_view nsName) {
@@ -95,7 +80,7 @@ bool EthIoctlUtil::createIntf(const std::string& name, const ether_addr& mac, bo
         TRACE(0) << "createIntf " << name << " is not a kernel device name";
         return false;
     }
-    const NamespaceVisit visit("createIntf", nsName, namespaceFd(nsName));
+    const NamespaceVisit visit("createIntf", nsName, namespaces_.fdOf(nsName));
     if (!visit.entered()) {
         return false;
     }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "util/Namespace.h"
+
 #include <functional>
 #include <map>
 #include <memory>
@@ -35,13 +37,10 @@ class EthIoctlUtil {
     // A socket of the namespace the thread is visiting, made there at its first device and
     // kept for the next ones.
     int socketOfThreadNs(std::string_view nsName);
-    // The namespace's descriptor, opened at its first device and kept for the next ones;
-    // -1 when its file cannot be opened (traced).
-    int namespaceFd(std::string_view nsName);
-
     std::vector<int> queues_;
     std::map<std::string, int, std::less<>> sockets_;
-    std::map<std::string, int, std::less<>> namespaces_;
+    // Each namespace's file, opened at its first device and kept for the next ones.
+    NamespaceFiles namespaces_{"createIntf"};
 };
 
 } // namespace Kestrune

@@ -144,31 +144,34 @@ bool bindThreadNamespace(const char* operation, const std::string& path) {
 
 } // namespace
 
-int openNamespaceFd(const char* operation, std::string_view name) {
-    return openNamespace(operation, name);
-}
-
-NamespaceWalk::~NamespaceWalk() {
+NamespaceFiles::~NamespaceFiles() {
     for (const auto& [name, fd] : fds_) {
         ::close(fd);
     }
+}
+
+int NamespaceFiles::fdOf(std::string_view name) {
+    if (const auto found = fds_.find(name); found != fds_.end()) {
+        return found->second;
+    }
+    const int fd = openNamespace(operation_, name);
+    if (fd >= 0) {
+        fds_.emplace(std::string(name), fd);
+    }
+    return fd;
 }
 
 int NamespaceWalk::enter(std::string_view name) {
     if (inCurrent_ && name == current_) {
         return 0;
     }
-    auto found = fds_.find(name);
-    if (found == fds_.end()) {
-        const int fd = openNamespace(operation_, name);
-        if (fd < 0) {
-            return -1;
-        }
-        found = fds_.emplace(std::string(name), fd).first;
+    const int fd = files_.fdOf(name);
+    if (fd < 0) {
+        return -1;
     }
-    inCurrent_ = setns(found->second, CLONE_NEWNET) == 0;
+    inCurrent_ = setns(fd, CLONE_NEWNET) == 0;
     if (!inCurrent_) {
-        TRACE(0) << operation_ << " cannot enter " << name << ": " << std::strerror(errno);
+        TRACE(0) << files_.operation() << " cannot enter " << name << ": " << std::strerror(errno);
         return -1;
     }
     current_ = name;

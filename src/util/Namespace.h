@@ -28,7 +28,7 @@ class NamespaceVisit {
   public:
     // `operation` names the caller in the trace of a failure to enter.
     NamespaceVisit(const char* operation, std::string_view name);
-    // Enters the namespace of a descriptor the caller holds (see openNamespaceFd), which saves
+    // Enters the namespace of a descriptor the caller holds (see NamespaceFiles), which saves
     // the opening of its file on every visit; `name` is for the trace.
     NamespaceVisit(const char* operation, std::string_view name, int namespaceFd);
     ~NamespaceVisit();
@@ -44,6 +44,25 @@ class NamespaceVisit {
     bool entered_ = false;
 };
 
+// The descriptors of named namespaces, each file opened at its first use and kept until this
+// object goes.
+class NamespaceFiles {
+  public:
+    // `operation` names the user in the trace of a file that cannot be opened.
+    explicit NamespaceFiles(const char* operation) : operation_(operation) {}
+    ~NamespaceFiles();
+    NamespaceFiles(const NamespaceFiles&) = delete;
+    NamespaceFiles& operator=(const NamespaceFiles&) = delete;
+
+    const char* operation() const { return operation_; }
+    // The namespace's descriptor; -1 (traced) when its file cannot be opened.
+    int fdOf(std::string_view name);
+
+  private:
+    const char* operation_;
+    std::map<std::string, int, std::less<>> fds_;
+};
+
 // Enters named namespaces one after the other for the calling thread, as switchToNs does, for
 // a walk that enters one per item: each namespace's file is opened once, and the namespace
 // the walk entered last is not entered again. Nothing else may move the thread meanwhile
@@ -51,24 +70,16 @@ class NamespaceVisit {
 class NamespaceWalk {
   public:
     // `operation` names the walk's user in the trace of a failure to enter.
-    explicit NamespaceWalk(const char* operation = "switchToNs") : operation_(operation) {}
-    ~NamespaceWalk();
-    NamespaceWalk(const NamespaceWalk&) = delete;
-    NamespaceWalk& operator=(const NamespaceWalk&) = delete;
+    explicit NamespaceWalk(const char* operation = "switchToNs") : files_(operation) {}
 
     // 0 when the thread is in the namespace, -1 (traced) when not.
     int enter(std::string_view name);
 
   private:
-    const char* operation_;
-    std::map<std::string, int, std::less<>> fds_;
+    NamespaceFiles files_;
     std::string current_;
     bool inCurrent_ = false;
 };
-
-// A descriptor of the named namespace, for visits; -1 (traced, naming the operation) when
-// its file cannot be opened. The caller closes it.
-int openNamespaceFd(const char* operation, std::string_view name);
 
 } // namespace Kestrune
 
