@@ -1,3 +1,4 @@
+#include "PrivateNetwork.h"
 #include "ProductionSwitch.h"
 
 #include <algorithm>
@@ -51,6 +52,12 @@ TEST_P(ExampleRestore, TheChipHearsTheExpectedSequenceAndTheKernelHoldsTheStore)
     // do (the daemon holds those).
     const std::string kernel = kernelText();
     EXPECT_EQ(kernel, expected(example + "-kernel.txt", kernel));
+    // And `verify` finds all of it, against the store, as an operator would check it later.
+    int status = -1;
+    const std::string verified =
+        outputOf({KESTRUNE_CLI, "verify", "--pstore-dir", file("pstore")}, &status);
+    EXPECT_EQ(status, 0) << verified;
+    EXPECT_NE(verified.find("The kernel matches the store"), std::string::npos) << verified;
     // The switch's sequence, in its order, through the real devices.
     const std::vector<std::string> lines = result.traces;
     EXPECT_TRUE(has(lines, "Kestrune:0 setupBdeDevice kovana-bde  driver loaded."));

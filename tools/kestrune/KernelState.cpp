@@ -1,22 +1,22 @@
 #include "KernelState.h"
 
-#include "util/Json.h"
 #include "util/Namespace.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
 #include <array>
 #include <cstdio>
+#include <fcntl.h>
 #include <filesystem>
 #include <libmnl/libmnl.h>
 #include <linux/if.h>
 #include <linux/if_addr.h>
 #include <linux/if_link.h>
+#include <linux/net_namespace.h>
 #include <linux/pkt_sched.h>
 #include <linux/rtnetlink.h>
 #include <map>
 #include <optional>
-#include <sstream>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -44,6 +44,27 @@ struct Dump {
     std::map<int, DeviceState> devices;
 };
 
+int linkInfoAttribute(const nlattr* info, void* data) {
+    auto* device = static_cast<DeviceState*>(data);
+    if (mnl_attr_get_type(info) == IFLA_INFO_KIND) {
+        device->kind = mnl_attr_get_str(info);
+    } else if (mnl_attr_get_type(info) == IFLA_INFO_DATA) {
+        // Only a VLAN device's data is read; the kind comes first in the kernel's message.
+        if (device->kind == "vlan") {
+            mnl_attr_parse_nested(
+                info,
+                [](const nlattr* vlan, void* target) {
+                    if (mnl_attr_get_type(vlan) == IFLA_VLAN_ID) {
+                        static_cast<DeviceState*>(target)->vlanId = mnl_attr_get_u16(vlan);
+                    }
+                    return MNL_CB_OK;
+                },
+                data);
+        }
+    }
+    return MNL_CB_OK;
+}
+
 int linkAttribute(const nlattr* attribute, void* data) {
     auto* device = static_cast<DeviceState*>(data);
     switch (mnl_attr_get_type(attribute)) {
@@ -59,16 +80,14 @@ int linkAttribute(const nlattr* attribute, void* data) {
     case IFLA_OPERSTATE:
         device->operState = operStateText(mnl_attr_get_u8(attribute));
         break;
+    case IFLA_LINK:
+        device->linkIndex = static_cast<std::int32_t>(mnl_attr_get_u32(attribute));
+        break;
+    case IFLA_LINK_NETNSID:
+        device->linkNamespaceId = static_cast<std::int32_t>(mnl_attr_get_u32(attribute));
+        break;
     case IFLA_LINKINFO:
-        mnl_attr_parse_nested(
-            attribute,
-            [](const nlattr* info, void* target) {
-                if (mnl_attr_get_type(info) == IFLA_INFO_KIND) {
-                    static_cast<DeviceState*>(target)->kind = mnl_attr_get_str(info);
-                }
-                return MNL_CB_OK;
-            },
-            data);
+        mnl_attr_parse_nested(attribute, linkInfoAttribute, data);
         break;
     default:
         break;
@@ -187,13 +206,27 @@ std::vector<std::string> namespaceNames() {
     return names;
 }
 
+bool namedYet(const std::string& name) {
+    std::error_code ignored;
+    return std::filesystem::exists(namespacePath(name), ignored);
+}
+
+// A netlink socket in the namespace. The default namespace, before a restore has named it,
+// is this process's own.
+int netlinkIn(const std::string& name) {
+    if (name == DEFAULT_NS && !namedYet(name)) {
+        return socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
+    }
+    return openSocketInNs(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE, name);
+}
+
 // What one namespace holds, or nothing when it cannot be read. Right after a restore the
 // kernel is still at work (link-local addresses arrive as devices get carrier): a dump it
 // interrupts, or one that fails, is read again on a fresh socket, a few times at most.
 std::optional<Dump> namespaceDump(const std::string& name) {
     std::optional<Dump> found;
     for (int attempt = 0; attempt < 5; ++attempt) {
-        const int fd = openSocketInNs(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE, name);
+        const int fd = netlinkIn(name);
         if (fd < 0) {
             return found;
         }
@@ -211,6 +244,79 @@ std::optional<Dump> namespaceDump(const std::string& name) {
     return found;
 }
 
+// The id that the namespace behind `netlinkFd` gives the namespace `other`, -1 for none.
+std::int32_t idOf(int netlinkFd, const std::string& other) {
+    const std::string path =
+        other == DEFAULT_NS && !namedYet(other) ? "/proc/self/ns/net" : namespacePath(other);
+    const int target = path.empty() ? -1 : open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (target < 0) {
+        return -1;
+    }
+    alignas(nlmsghdr) std::array<char, 256> buffer{};
+    nlmsghdr* header = mnl_nlmsg_put_header(buffer.data());
+    header->nlmsg_type = RTM_GETNSID;
+    header->nlmsg_flags = NLM_F_REQUEST;
+    mnl_nlmsg_put_extra_header(header, sizeof(rtgenmsg));
+    mnl_attr_put_u32(header, NETNSA_FD, static_cast<std::uint32_t>(target));
+    std::int32_t id = -1;
+    if (send(netlinkFd, header, header->nlmsg_len, 0) >= 0) {
+        const auto received = recv(netlinkFd, buffer.data(), buffer.size(), 0);
+        const auto* reply = reinterpret_cast<const nlmsghdr*>(buffer.data());
+        if (received > 0 && mnl_nlmsg_ok(reply, static_cast<int>(received)) &&
+            reply->nlmsg_type == RTM_NEWNSID) {
+            mnl_attr_parse(
+                reply, sizeof(rtgenmsg),
+                [](const nlattr* attribute, void* into) {
+                    if (mnl_attr_get_type(attribute) == NETNSA_NSID) {
+                        *static_cast<std::int32_t*>(into) =
+                            static_cast<std::int32_t>(mnl_attr_get_u32(attribute));
+                    }
+                    return MNL_CB_OK;
+                },
+                &id);
+        }
+    }
+    close(target);
+    return id;
+}
+
+// Names each VLAN device's parent: by index in its own namespace, or, for one moved away
+// from its parent, in the namespace that the link's namespace id stands for.
+void nameParents(std::vector<NamespaceState>& state) {
+    std::map<std::string, std::map<std::int32_t, std::string>> byIndex;
+    for (const NamespaceState& ns : state) {
+        for (const DeviceState& device : ns.devices) {
+            byIndex[ns.name][device.index] = device.name;
+        }
+    }
+    for (NamespaceState& ns : state) {
+        std::map<std::int32_t, std::string> namespaceOfId;
+        int fd = -1;
+        for (DeviceState& device : ns.devices) {
+            if (device.kind != "vlan" || device.linkIndex == 0) {
+                continue;
+            }
+            device.parentNamespace = ns.name;
+            if (device.linkNamespaceId >= 0) {
+                if (fd < 0) {
+                    fd = netlinkIn(ns.name);
+                    for (const NamespaceState& other : state) {
+                        if (other.name != ns.name && fd >= 0) {
+                            namespaceOfId[idOf(fd, other.name)] = other.name;
+                        }
+                    }
+                }
+                const auto found = namespaceOfId.find(device.linkNamespaceId);
+                device.parentNamespace = found == namespaceOfId.end() ? "" : found->second;
+            }
+            device.parent = byIndex[device.parentNamespace][device.linkIndex];
+        }
+        if (fd >= 0) {
+            close(fd);
+        }
+    }
+}
+
 } // namespace
 
 std::vector<NamespaceState> kernelState() {
@@ -223,78 +329,14 @@ std::vector<NamespaceState> kernelState() {
         NamespaceState ns{name, {}};
         for (auto& [index, device] : found->devices) {
             if (device.name != "lo" && !device.name.empty()) {
+                device.index = index;
                 ns.devices.push_back(std::move(device));
             }
         }
         state.push_back(std::move(ns));
     }
+    nameParents(state);
     return state;
-}
-
-std::string kernelStateJson(const std::vector<NamespaceState>& state) {
-    rapidjson::StringBuffer buffer;
-    JsonWriter writer(buffer);
-    writer.StartObject();
-    for (const NamespaceState& ns : state) {
-        writer.Key(ns.name.c_str());
-        writer.StartArray();
-        for (const DeviceState& device : ns.devices) {
-            writer.StartObject();
-            writer.Key("name");
-            writer.String(device.name.c_str());
-            writer.Key("kind");
-            writer.String(device.kind.c_str());
-            writer.Key("mtu");
-            writer.Uint(device.mtu);
-            writer.Key("mac");
-            writer.String(device.mac.c_str());
-            writer.Key("adminUp");
-            writer.Bool(device.adminUp);
-            writer.Key("operState");
-            writer.String(device.operState.c_str());
-            writer.Key("qdisc");
-            writer.String(device.qdisc.c_str());
-            for (const auto& [key, list] :
-                 {std::pair{"ipv4", &device.ipv4}, {"ipv6", &device.ipv6}}) {
-                writer.Key(key);
-                writer.StartArray();
-                for (const std::string& address : *list) {
-                    writer.String(address.c_str());
-                }
-                writer.EndArray();
-            }
-            writer.EndObject();
-        }
-        writer.EndArray();
-    }
-    writer.EndObject();
-    return buffer.GetString();
-}
-
-std::string kernelStateTable(const std::vector<NamespaceState>& state) {
-    std::ostringstream out;
-    for (const NamespaceState& ns : state) {
-        out << "namespace " << ns.name << "\n";
-        char line[256];
-        std::snprintf(line, sizeof line, "  %-15s %-6s %5s  %-17s %-5s %-8s %-10s %s\n", "device",
-                      "kind", "mtu", "mac", "admin", "oper", "qdisc", "addresses");
-        out << line;
-        for (const DeviceState& device : ns.devices) {
-            std::string addresses;
-            for (const auto* list : {&device.ipv4, &device.ipv6}) {
-                for (const std::string& address : *list) {
-                    addresses += (addresses.empty() ? "" : " ") + address;
-                }
-            }
-            std::snprintf(line, sizeof line, "  %-15s %-6s %5u  %-17s %-5s %-8s %-10s %s\n",
-                          device.name.c_str(), device.kind.empty() ? "-" : device.kind.c_str(),
-                          device.mtu, device.mac.c_str(), device.adminUp ? "up" : "down",
-                          device.operState.c_str(),
-                          device.qdisc.empty() ? "-" : device.qdisc.c_str(), addresses.c_str());
-            out << line;
-        }
-    }
-    return out.str();
 }
 
 } // namespace Kestrune::Cli

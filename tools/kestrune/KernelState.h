@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,16 @@ struct DeviceState {
     std::string qdisc;             // the root queueing discipline's kind, "" for none
     std::vector<std::string> ipv4; // "10.0.0.1/24"
     std::vector<std::string> ipv6; // global ones; link-local addresses are left out
+    std::uint16_t vlanId = 0;      // a VLAN device's id, 0 for any other
+    std::string parent;            // the device a VLAN device sits on, "" for none
+    std::string parentNamespace;   // where the parent is: a moved VLAN device's is elsewhere
+
+    // The device's index, and its lower device's as rtnetlink gives it: an index, in the namespace
+    // the device is in unless the link names another (a namespace id as this one knows it, -1 for
+    // its own).
+    std::int32_t index = 0;
+    std::int32_t linkIndex = 0;
+    std::int32_t linkNamespaceId = -1;
 };
 
 struct NamespaceState {
@@ -24,7 +35,9 @@ struct NamespaceState {
     std::vector<DeviceState> devices;
 };
 
-// The default namespace first, then every named one in name order. Read over rtnetlink.
+// The default namespace first, then every named one in name order. Read over rtnetlink. A
+// namespace that cannot be read is left out; the default one, when no restore has named it
+// yet, is the namespace this process is in.
 std::vector<NamespaceState> kernelState();
 
 std::string kernelStateJson(const std::vector<NamespaceState>& state);

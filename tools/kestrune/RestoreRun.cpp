@@ -212,7 +212,8 @@ RestoreReport runRestore(const std::function<ConfigParser::Ptr()>& parserOf,
     return report;
 }
 
-std::string RestoreReport::json(const std::string& extraName, const std::string& extraJson) const {
+std::string
+RestoreReport::json(const std::vector<std::pair<std::string, std::string>>& extra) const {
     rapidjson::StringBuffer buffer;
     PrettyJsonWriter writer(buffer);
     writer.StartObject();
@@ -284,9 +285,9 @@ std::string RestoreReport::json(const std::string& extraName, const std::string&
     }
     writer.EndArray();
     writer.EndObject();
-    if (!extraName.empty()) {
-        writer.Key(extraName.c_str());
-        writer.RawValue(extraJson.c_str(), extraJson.size(), rapidjson::kObjectType);
+    for (const auto& [name, json] : extra) {
+        writer.Key(name.c_str());
+        writer.RawValue(json.c_str(), json.size(), rapidjson::kObjectType);
     }
     writer.EndObject();
     return buffer.GetString();

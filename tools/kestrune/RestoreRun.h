@@ -41,8 +41,9 @@ struct RestoreReport {
     int exitStatus() const {
         return stoppedBy != 0 ? 128 + stoppedBy : !started ? 2 : (ok() ? 0 : 1);
     }
-    // The report as a JSON object; `extra` adds members (the simulator's kernel state).
-    std::string json(const std::string& extraName = "", const std::string& extraJson = "") const;
+    // The report as a JSON object; `extra` adds members, each a name and an object (the
+    // simulator's kernel state and its verification).
+    std::string json(const std::vector<std::pair<std::string, std::string>>& extra = {}) const;
     // A few lines for people: what was restored, how long each phase took, and each failure
     // once, with how often it happened.
     std::string summary() const;

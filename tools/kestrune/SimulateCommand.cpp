@@ -4,6 +4,7 @@
 #include "CommonOptions.h"
 #include "KernelState.h"
 #include "RestoreRun.h"
+#include "VerifyCommand.h"
 #include "parser/ConfigParserCreator.h"
 #include "platform/ChipDevice.h"
 #include "util/Namespace.h"
@@ -73,7 +74,9 @@ void keepSandbox() {
         }
     }
     std::cout << "\nThe sandbox stays. Enter it with:  nsenter -t " << keeper
-              << " -n -m\nEnd it with:        kill " << keeper << "\n";
+              << " -n -m\nCheck it with:      nsenter -t " << keeper
+              << " -n -m env SIMULATION_VMID=1 kestrune verify FILE\nEnd it with:        kill "
+              << keeper << "\n";
 }
 
 } // namespace
@@ -117,6 +120,9 @@ void addSimulateCommand(CLI::App& app, int& status) {
         Sim::ChipSimulator::environmentIs(chipTools, chipLog, "/run/kestrune-chip-registers");
         mountDefaultNs();
         std::shared_ptr<Sim::ChipSimulator> simulator;
+        RestoreChoices choices{false, options->guard.filterRulesFirst(), {}};
+        Config::PtrConst restored;
+        choices.finished = [&restored](const Driver& driver) { restored = driver.config(); };
         const RestoreReport report =
             runRestore([&] { return configParserCreatorFactory()->createFrom(options->file); },
                        [&](const Config& config) {
@@ -125,19 +131,28 @@ void addSimulateCommand(CLI::App& app, int& status) {
                            simulator->refusedIs({options->refused.begin(), options->refused.end()});
                            chipDeviceIs(simulator);
                        },
-                       {false, options->guard.filterRulesFirst(), {}});
+                       choices);
         if (simulator) {
             simulator->doFlushLog();
         }
         const auto state = kernelState();
         std::cout << kernelStateTable(state) << "\n" << report.summary();
+        std::vector<std::pair<std::string, std::string>> extra{{"kernel", kernelStateJson(state)}};
+        // Whether what the restore left matches the store, read back as `verify` reads it.
+        bool drifted = false;
+        if (restored) {
+            const Verification verified = verification(*restored);
+            std::cout << "\n" << verified.text();
+            extra.emplace_back("verify", verified.json());
+            drifted = verified.exitStatus() != 0;
+        }
         const bool reported =
-            options->report.empty() ||
-            reportWritten(options->report, report.json("kernel", kernelStateJson(state)));
+            options->report.empty() || reportWritten(options->report, report.json(extra));
         if (options->keep) {
             keepSandbox();
         }
-        status = reported || !report.ok() ? report.exitStatus() : 1;
+        // A restore that says it succeeded while the kernel does not match has not.
+        status = (reported && !drifted) || !report.ok() ? report.exitStatus() : 1;
     });
 }
 

@@ -5,6 +5,7 @@
 #include "RestoreCommand.h"
 #include "ShowCommand.h"
 #include "SimulateCommand.h"
+#include "VerifyCommand.h"
 #include "log/ProcessGuard.h"
 
 #include <CLI/CLI.hpp>
@@ -22,6 +23,7 @@ int main(int argc, char** argv) {
     Kestrune::Cli::addSimulateCommand(app, status);
     Kestrune::Cli::addCheckCommand(app, status);
     Kestrune::Cli::addShowCommand(app, status);
+    Kestrune::Cli::addVerifyCommand(app, status);
     Kestrune::Cli::addEventsCommand(app, status);
     Kestrune::Cli::addHoldCommand(app, status);
 

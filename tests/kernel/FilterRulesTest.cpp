@@ -1,0 +1,90 @@
+#include "FilterRules.h"
+
+#include "CliRun.h"
+#include "Drift.h"
+#include "PrivateNetwork.h"
+#include "Scenario.h"
+#include "util/Json.h"
+
+#include <gtest/gtest.h>
+
+namespace Kestrune::Testing {
+namespace {
+
+using FilterRules = PrivateNetwork;
+using Cli::ipv4Rules;
+using Cli::ipv6Rules;
+
+// A store spells its rules as its agent wrote them; the kernel holds them as the save tool
+// prints them. Loaded in a scratch namespace, the two spellings compare, and loading them
+// there leaves the namespace the restore used alone.
+TEST_F(FilterRules, StoredRulesAreComparedAsTheKernelHoldsThem) {
+    const std::vector<std::tuple<Cli::RuleFamily, std::string, std::string>> cases{
+        {ipv4Rules, "*filter\n:INPUT ACCEPT [0:0]\n-A INPUT -p tcp --dport 22 -j ACCEPT\nCOMMIT\n",
+         "-A INPUT -p tcp -m tcp --dport 22 -j ACCEPT"},
+        {ipv6Rules,
+         "*filter\n:INPUT ACCEPT [0:0]\n-A INPUT -s 2001:DB8::/32 -p udp --dport 161 -j ACCEPT\n"
+         "COMMIT\n",
+         "-A INPUT -s 2001:db8::/32 -p udp -m udp --dport 161 -j ACCEPT"},
+    };
+    const TempDir dir;
+    for (const auto& [family, stored, saved] : cases) {
+        SCOPED_TRACE(family.name);
+        std::string problem;
+        const auto loaded = Cli::rulesAsLoaded(family, stored, problem);
+        ASSERT_TRUE(loaded) << problem;
+        const auto tables = Cli::ruleTablesOf(*loaded);
+        EXPECT_EQ(tables.at("filter").rules, std::vector<std::string>{saved});
+
+        const auto before = Cli::rulesInForce(family, problem);
+        ASSERT_TRUE(before) << problem;
+        EXPECT_EQ(Cli::ruleTablesOf(*before)["filter"].rules.size(), 0U);
+        EXPECT_EQ(Cli::ruleDrift(family, tables, Cli::ruleTablesOf(*before)).size(), 1U);
+
+        int status = 0;
+        const std::string input = dir.file(std::string(family.name) + ".rules");
+        dir.write(std::string(family.name) + ".rules", stored);
+        shellOutput(std::string(family.restore) + " -n < " + input, &status);
+        ASSERT_EQ(status, 0);
+        const auto after = Cli::rulesInForce(family, problem);
+        ASSERT_TRUE(after) << problem;
+        EXPECT_TRUE(Cli::ruleDrift(family, tables, Cli::ruleTablesOf(*after)).empty());
+    }
+}
+
+// Rules the filter refuses could not have been restored; the reason is the tool's own.
+TEST_F(FilterRules, RulesTheFilterRefusesSayWhy) {
+    std::string problem;
+    EXPECT_FALSE(Cli::rulesAsLoaded(ipv4Rules, "*filter\n-A NOWHERE -j ACCEPT\nCOMMIT\n", problem));
+    EXPECT_NE(problem.find("iptables-restore rejects the stored rules"), std::string::npos)
+        << problem;
+}
+
+using VerifyCommand = PrivateNetwork;
+
+// `verify` where no restore ran: every device of the store is missing, and it says so with
+// exit 1; a store that cannot be read is exit 2.
+TEST_F(VerifyCommand, WithoutARestoreEveryDeviceIsMissingAndAnUnreadableStoreIsExit2) {
+    const std::string verify = std::string(KESTRUNE_CLI) + " verify --json ";
+    int status = -1;
+    const std::string json =
+        shellOutput(verify + KESTRUNE_SOURCE_DIR + "/examples/strata.json 2>/dev/null", &status);
+    EXPECT_EQ(status, 1);
+    rapidjson::Document result;
+    ASSERT_FALSE(result.Parse(json.c_str()).HasParseError()) << json;
+    EXPECT_FALSE(result["matches"].GetBool());
+    std::size_t missing = 0;
+    for (const auto& drift : result["drift"].GetArray()) {
+        missing += std::string(drift["found"].GetString()) == "missing" ? 1 : 0;
+    }
+    // Each VRF once, not each of its devices; in the default namespace "fabric", the 52 ports
+    // and LAGs and the 4 VLAN devices of the default VRF; the user's chain of each family, and
+    // all 42 rules.
+    EXPECT_EQ(missing, 2U + 1 + 52 + 4 + 2 + 42) << json;
+
+    shellOutput(verify + "/nonexistent/store.json 2>/dev/null", &status);
+    EXPECT_EQ(status, 2);
+}
+
+} // namespace
+} // namespace Kestrune::Testing

@@ -1,0 +1,164 @@
+#include "FilterRules.h"
+
+#include "util/Command.h"
+#include "util/Namespace.h"
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <optional>
+#include <sched.h>
+#include <sstream>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace Kestrune::Cli {
+
+namespace {
+
+constexpr int toolTimeoutMs = 10000;
+
+// An anonymous file: a tool's input or output of any size, with no pipe to keep drained.
+class MemoryFile {
+  public:
+    MemoryFile() : fd_(memfd_create("kestrune-rules", MFD_CLOEXEC)) {}
+    ~MemoryFile() {
+        if (fd_ >= 0) {
+            close(fd_);
+        }
+    }
+    MemoryFile(const MemoryFile&) = delete;
+    MemoryFile& operator=(const MemoryFile&) = delete;
+
+    int fd() const { return fd_; }
+    bool holds(std::string_view text) const {
+        std::size_t written = 0;
+        while (written < text.size()) {
+            const auto n = write(fd_, text.data() + written, text.size() - written);
+            if (n <= 0) {
+                return false;
+            }
+            written += static_cast<std::size_t>(n);
+        }
+        return lseek(fd_, 0, SEEK_SET) == 0;
+    }
+    std::string text() const {
+        std::string text;
+        char buffer[8192];
+        ssize_t n = 0;
+        for (off_t at = 0; (n = pread(fd_, buffer, sizeof buffer, at)) > 0; at += n) {
+            text.append(buffer, static_cast<std::size_t>(n));
+        }
+        return text;
+    }
+    // The first line, for a message.
+    std::string firstLine() const {
+        const std::string all = text();
+        return all.substr(0, all.find('\n'));
+    }
+
+  private:
+    int fd_;
+};
+
+std::string failure(const char* tool, int status, const MemoryFile& errors) {
+    const std::string said = errors.firstLine();
+    return std::string(tool) +
+           (status < 0 ? " could not be run" : " exited with " + std::to_string(status)) +
+           (said.empty() ? "" : ": " + said);
+}
+
+// What a scratch child's exit status says went wrong.
+enum ScratchExit { loaded = 0, noNamespace = 3, restoreFailed = 4, saveFailed = 5 };
+
+} // namespace
+
+std::map<std::string, RuleTable> ruleTablesOf(std::string_view saved) {
+    std::map<std::string, RuleTable> tables;
+    RuleTable* table = nullptr;
+    std::istringstream lines{std::string(saved)};
+    for (std::string line; std::getline(lines, line);) {
+        if (line.empty() || line[0] == '#' || line == "COMMIT") {
+            continue;
+        }
+        if (line[0] == '*') {
+            table = &tables[line.substr(1)];
+        } else if (table != nullptr && line[0] == ':') {
+            std::istringstream words(line.substr(1));
+            std::string chain;
+            std::string policy;
+            words >> chain >> policy;
+            table->policies[chain] = policy;
+        } else if (table != nullptr) {
+            table->rules.push_back(line);
+        }
+    }
+    return tables;
+}
+
+std::optional<std::string> rulesInForce(const RuleFamily& family, std::string& problem) {
+    std::error_code ignored;
+    std::optional<NamespaceVisit> visit;
+    if (std::filesystem::exists(namespacePath(DEFAULT_NS), ignored)) {
+        visit.emplace("verify", DEFAULT_NS);
+        if (!visit->entered()) {
+            problem = "cannot enter the default namespace";
+            return std::nullopt;
+        }
+    }
+    const MemoryFile out;
+    const MemoryFile errors;
+    const int status =
+        runCommand(family.save, commandDiscard, out.fd(), errors.fd(), toolTimeoutMs);
+    if (status != 0) {
+        problem = failure(family.save, status, errors);
+        return std::nullopt;
+    }
+    return out.text();
+}
+
+std::optional<std::string> rulesAsLoaded(const RuleFamily& family, const std::string& text,
+                                         std::string& problem) {
+    const MemoryFile in;
+    const MemoryFile out;
+    const MemoryFile errors;
+    if (in.fd() < 0 || out.fd() < 0 || errors.fd() < 0 || !in.holds(text)) {
+        problem = std::string("cannot hold the stored rules: ") + std::strerror(errno);
+        return std::nullopt;
+    }
+    std::fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        if (unshare(CLONE_NEWNET) != 0) {
+            _exit(noNamespace);
+        }
+        if (runCommand(family.restore, in.fd(), commandDiscard, errors.fd(), toolTimeoutMs) != 0) {
+            _exit(restoreFailed);
+        }
+        _exit(runCommand(family.save, commandDiscard, out.fd(), errors.fd(), toolTimeoutMs) == 0
+                  ? loaded
+                  : saveFailed);
+    }
+    int status = 0;
+    if (child < 0 || waitpid(child, &status, 0) != child || !WIFEXITED(status)) {
+        problem = "cannot load the stored rules in a scratch namespace";
+        return std::nullopt;
+    }
+    switch (WEXITSTATUS(status)) {
+    case loaded:
+        return out.text();
+    case noNamespace:
+        problem = "cannot make a scratch network namespace (run it as root)";
+        break;
+    case restoreFailed:
+        problem = std::string(family.restore) + " rejects the stored rules: " + errors.firstLine();
+        break;
+    default:
+        problem = std::string(family.save) + " failed: " + errors.firstLine();
+        break;
+    }
+    return std::nullopt;
+}
+
+} // namespace Kestrune::Cli

@@ -1,0 +1,167 @@
+#include "VerifyCommand.h"
+
+#include "CommonOptions.h"
+#include "ExpectedState.h"
+#include "FilterRules.h"
+#include "KernelState.h"
+#include "parser/ConfigParserCreator.h"
+#include "platform/ChipDevice.h"
+#include "util/Json.h"
+#include "util/Namespace.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <iostream>
+#include <memory>
+
+namespace Kestrune::Cli {
+
+namespace {
+
+struct VerifyOptions {
+    std::string file;
+    std::string pstoreDir;
+    bool json = false;
+    CommonOptions common;
+};
+
+std::size_t ruleCount(const std::map<std::string, RuleTable>& tables) {
+    std::size_t count = 0;
+    for (const auto& [name, table] : tables) {
+        count += table.rules.size();
+    }
+    return count;
+}
+
+// Compares one family's stored rules with those in force; false when either cannot be read.
+bool rulesCompared(const RuleFamily& family, const std::string& stored, Verification& result) {
+    if (stored.empty()) {
+        return true;
+    }
+    std::string problem;
+    const auto loaded = rulesAsLoaded(family, stored, problem);
+    if (!loaded) {
+        // Rules the filter refuses cannot be in force: that is drift, not a failure to read.
+        if (problem.find(" rejects ") == std::string::npos) {
+            result.problem = problem;
+            return false;
+        }
+        result.drift.push_back(
+            {std::string(DEFAULT_NS), family.name, "rules", "loadable", problem});
+        return true;
+    }
+    const auto inForce = rulesInForce(family, problem);
+    if (!inForce) {
+        result.problem = problem;
+        return false;
+    }
+    const auto expected = ruleTablesOf(*loaded);
+    result.rules += ruleCount(expected);
+    const auto drift = ruleDrift(family, expected, ruleTablesOf(*inForce));
+    result.drift.insert(result.drift.end(), drift.begin(), drift.end());
+    return true;
+}
+
+} // namespace
+
+Verification verification(const Config& config) {
+    Verification result;
+    const ExpectedState expected = expectedState(config, simulatedSwitch());
+    const std::vector<NamespaceState> kernel = kernelState();
+    if (kernel.empty() || kernel.front().name != DEFAULT_NS) {
+        result.problem = "cannot read the default network namespace over rtnetlink";
+        return result;
+    }
+    result.devices = expected.devices.size();
+    result.namespaces = expected.namespaces.size() + 1;
+    result.drift = deviceDrift(expected, kernel);
+    result.read = rulesCompared(ipv4Rules, expected.iptables, result) &&
+                  rulesCompared(ipv6Rules, expected.ip6tables, result);
+    return result;
+}
+
+std::string Verification::json() const {
+    rapidjson::StringBuffer buffer;
+    JsonWriter writer(buffer);
+    writer.StartObject();
+    writer.Key("matches");
+    writer.Bool(read && drift.empty());
+    if (!read) {
+        writer.Key("error");
+        writer.String(problem.c_str());
+    }
+    writer.Key("devices");
+    writer.Uint64(devices);
+    writer.Key("namespaces");
+    writer.Uint64(namespaces);
+    writer.Key("rules");
+    writer.Uint64(rules);
+    writer.Key("drift");
+    writer.StartArray();
+    for (const Drift& d : drift) {
+        writer.StartObject();
+        for (const auto& [key, value] : {std::pair{"namespace", &d.ns},
+                                         {"device", &d.device},
+                                         {"check", &d.item},
+                                         {"expected", &d.expected},
+                                         {"found", &d.found}}) {
+            writer.Key(key);
+            writer.String(value->c_str());
+        }
+        writer.EndObject();
+    }
+    writer.EndArray();
+    writer.EndObject();
+    return buffer.GetString();
+}
+
+std::string Verification::text() const {
+    if (!read) {
+        return "The kernel could not be read: " + problem + "\n";
+    }
+    const std::string checked = std::to_string(devices) + " devices in " +
+                                std::to_string(namespaces) + " namespaces, " +
+                                std::to_string(rules) + " filter rules";
+    if (drift.empty()) {
+        return "The kernel matches the store: " + checked + ".\n";
+    }
+    return driftTable(drift) + std::to_string(drift.size()) +
+           (drift.size() == 1 ? " difference" : " differences") + " from the store (" + checked +
+           " checked).\n";
+}
+
+void addVerifyCommand(CLI::App& app, int& status) {
+    auto options = std::make_shared<VerifyOptions>();
+    CLI::App* command = app.add_subcommand(
+        "verify", "Compare what the kernel holds, in every namespace, with what the store says "
+                  "the restore makes: exit 0 it matches, 1 it drifted, 2 it could not be read");
+    command->add_option("FILE", options->file,
+                        "The persistent store (default: the one restore reads)");
+    command->add_option("--pstore-dir", options->pstoreDir,
+                        "Folder of zel-persistent-store.json, when no FILE is given (default: "
+                        "$ZEL_PSTORE_PATH, else /mnt/flash)");
+    command->add_flag("--json", options->json, "Print the result as one JSON object");
+    options->common.addTo(*command);
+    command->callback([options, &status] {
+        options->common.apply();
+        if (!options->pstoreDir.empty()) {
+            setenv("ZEL_PSTORE_PATH", options->pstoreDir.c_str(), 1);
+        }
+        auto creator = configParserCreatorFactory();
+        auto parser =
+            options->file.empty() ? creator->create() : creator->createFrom(options->file);
+        if (!parser) {
+            std::cerr << "kestrune verify: no store of a known platform (the trace says why)\n";
+            status = 2;
+            return;
+        }
+        const Verification result = verification(*parser->parse());
+        std::cout << (options->json ? result.json() + "\n" : result.text());
+        if (!result.read) {
+            std::cerr << "kestrune verify: " << result.problem << "\n";
+        }
+        status = result.exitStatus();
+    });
+}
+
+} // namespace Kestrune::Cli
