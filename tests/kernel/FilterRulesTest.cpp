@@ -1,12 +1,13 @@
 #include "FilterRules.h"
 
-#include "CliRun.h"
 #include "Drift.h"
 #include "PrivateNetwork.h"
 #include "Scenario.h"
 #include "util/Json.h"
+#include "util/RestoreLock.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 namespace Kestrune::Testing {
 namespace {
@@ -63,8 +64,8 @@ TEST_F(FilterRules, RulesTheFilterRefusesSayWhy) {
 using VerifyCommand = PrivateNetwork;
 
 // `verify` where no restore ran: every device of the store is missing, and it says so with
-// exit 1; a store that cannot be read is exit 2.
-TEST_F(VerifyCommand, WithoutARestoreEveryDeviceIsMissingAndAnUnreadableStoreIsExit2) {
+// exit 1; a store that cannot be read, or a restore at work, is exit 2.
+TEST_F(VerifyCommand, WithoutARestoreEveryDeviceIsMissingAndWhatCannotBeReadIsExit2) {
     const std::string verify = std::string(KESTRUNE_CLI) + " verify --json ";
     int status = -1;
     const std::string json =
@@ -84,6 +85,16 @@ TEST_F(VerifyCommand, WithoutARestoreEveryDeviceIsMissingAndAnUnreadableStoreIsE
 
     shellOutput(verify + "/nonexistent/store.json 2>/dev/null", &status);
     EXPECT_EQ(status, 2);
+
+    // Half a restore is not drift: while one runs, verify says so and reads nothing.
+    RestoreLock running;
+    ASSERT_TRUE(running.doTake()) << running.error();
+    const std::string said = shellOutput(
+        verify + KESTRUNE_SOURCE_DIR + "/examples/strata.json 2>&1 >/dev/null", &status);
+    EXPECT_EQ(status, 2);
+    EXPECT_NE(said.find("another restore is running (pid " + std::to_string(getpid())),
+              std::string::npos)
+        << said;
 }
 
 } // namespace

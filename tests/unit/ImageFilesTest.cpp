@@ -75,12 +75,13 @@ TEST(ImageFiles, BashCompletesCommandsAndEachCommandsFlags) {
     };
     const Case cases[] = {
         {"kestrune re", "restore\n"},
-        {"kestrune \"\"", "restore simulate check show events --help --version\n"},
+        {"kestrune \"\"", "restore simulate check show verify events --help --version\n"},
         {"kestrune restore --no", "--no-history\n"},
         {"kestrune events --s", "--since\n"},
         {"kestrune --version events --l", "--limit\n"},
         {"kestrune simulate --chip-r", "--chip-refuses\n"},
         {"kestrune show --tr", "--trace --trace-file\n"},
+        {"kestrune verify --p", "--pstore-dir\n"},
     };
     for (const Case& c : cases) {
         EXPECT_EQ(offered(c.words), c.offer) << c.words;

@@ -3,6 +3,7 @@
 #include "util/Command.h"
 #include "util/Namespace.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -18,6 +19,13 @@ namespace Kestrune::Cli {
 namespace {
 
 constexpr int toolTimeoutMs = 10000;
+
+// A filter tool's bound: never past the process's command deadline (a rehearsal's may be
+// short), nor long when that is lifted.
+int toolTimeout() {
+    const int deadline = commandDeadlineMs();
+    return deadline > 0 ? std::min(deadline, toolTimeoutMs) : toolTimeoutMs;
+}
 
 // An anonymous file: a tool's input or output of any size, with no pipe to keep drained.
 class MemoryFile {
@@ -70,7 +78,13 @@ std::string failure(const char* tool, int status, const MemoryFile& errors) {
 }
 
 // What a scratch child's exit status says went wrong.
-enum ScratchExit { loaded = 0, noNamespace = 3, restoreFailed = 4, saveFailed = 5 };
+enum ScratchExit {
+    loaded = 0,
+    noNamespace = 3,
+    restoreFailed = 4,
+    saveFailed = 5,
+    restoreNotRun = 6
+};
 
 } // namespace
 
@@ -110,7 +124,7 @@ std::optional<std::string> rulesInForce(const RuleFamily& family, std::string& p
     const MemoryFile out;
     const MemoryFile errors;
     const int status =
-        runCommand(family.save, commandDiscard, out.fd(), errors.fd(), toolTimeoutMs);
+        runCommand(family.save, commandDiscard, out.fd(), errors.fd(), toolTimeout());
     if (status != 0) {
         problem = failure(family.save, status, errors);
         return std::nullopt;
@@ -133,10 +147,12 @@ std::optional<std::string> rulesAsLoaded(const RuleFamily& family, const std::st
         if (unshare(CLONE_NEWNET) != 0) {
             _exit(noNamespace);
         }
-        if (runCommand(family.restore, in.fd(), commandDiscard, errors.fd(), toolTimeoutMs) != 0) {
-            _exit(restoreFailed);
+        const int restored =
+            runCommand(family.restore, in.fd(), commandDiscard, errors.fd(), toolTimeout());
+        if (restored != 0) {
+            _exit(restored < 0 ? restoreNotRun : restoreFailed);
         }
-        _exit(runCommand(family.save, commandDiscard, out.fd(), errors.fd(), toolTimeoutMs) == 0
+        _exit(runCommand(family.save, commandDiscard, out.fd(), errors.fd(), toolTimeout()) == 0
                   ? loaded
                   : saveFailed);
     }
@@ -153,6 +169,9 @@ std::optional<std::string> rulesAsLoaded(const RuleFamily& family, const std::st
         break;
     case restoreFailed:
         problem = std::string(family.restore) + " rejects the stored rules: " + errors.firstLine();
+        break;
+    case restoreNotRun:
+        problem = std::string(family.restore) + " could not be run, or ran past its deadline";
         break;
     default:
         problem = std::string(family.save) + " failed: " + errors.firstLine();
