@@ -80,6 +80,8 @@ simulated=$(inRoot kestrune simulate /root/store.json 2>&1) || {
 }
 grep -q "^Restored the Strata store: " <<<"$simulated" && grep -q "^No failures$" <<<"$simulated" ||
     { echo "$simulated" >&2; fail "kestrune simulate did not restore the store whole"; }
+grep -q "^The kernel matches the store: " <<<"$simulated" ||
+    { echo "$simulated" >&2; fail "kestrune simulate: verify finds drift after the restore"; }
 
 mkdir -p "$root/root/empty"
 inRoot kestrune restore --pstore-dir /root/empty >/dev/null 2>&1 || true
@@ -93,4 +95,4 @@ grep -q "kestrune restore" <<<"$page" || { echo "$page" >&2; fail "man kestrune 
 verdict=$(inRoot systemd-analyze verify /lib/systemd/system/kestrune-restore.service 2>&1) ||
     { echo "$verdict" >&2; fail "systemd-analyze verify"; }
 [ -z "$verdict" ] || { echo "$verdict" >&2; fail "systemd-analyze verify warns"; }
-echo "package test: the packages install, simulate, restore, record, show their page and pass systemd-analyze verify" >&2
+echo "package test: the packages install, simulate and verify, restore, record, show their page and pass systemd-analyze verify" >&2

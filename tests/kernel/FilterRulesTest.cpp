@@ -31,12 +31,12 @@ TEST_F(FilterRules, StoredRulesAreComparedAsTheKernelHoldsThem) {
     const TempDir dir;
     for (const auto& [family, stored, saved] : cases) {
         SCOPED_TRACE(family.name);
-        std::string problem;
-        const auto loaded = Cli::rulesAsLoaded(family, stored, problem);
-        ASSERT_TRUE(loaded) << problem;
-        const auto tables = Cli::ruleTablesOf(*loaded);
+        const Cli::LoadedRules loaded = Cli::rulesAsLoaded(family, stored);
+        ASSERT_EQ(loaded.outcome, Cli::LoadedRules::Outcome::loaded) << loaded.problem;
+        const auto tables = Cli::ruleTablesOf(loaded.saved);
         EXPECT_EQ(tables.at("filter").rules, std::vector<std::string>{saved});
 
+        std::string problem;
         const auto before = Cli::rulesInForce(family, problem);
         ASSERT_TRUE(before) << problem;
         EXPECT_EQ(Cli::ruleTablesOf(*before)["filter"].rules.size(), 0U);
@@ -55,10 +55,10 @@ TEST_F(FilterRules, StoredRulesAreComparedAsTheKernelHoldsThem) {
 
 // Rules the filter refuses could not have been restored; the reason is the tool's own.
 TEST_F(FilterRules, RulesTheFilterRefusesSayWhy) {
-    std::string problem;
-    EXPECT_FALSE(Cli::rulesAsLoaded(ipv4Rules, "*filter\n-A NOWHERE -j ACCEPT\nCOMMIT\n", problem));
-    EXPECT_NE(problem.find("iptables-restore rejects the stored rules"), std::string::npos)
-        << problem;
+    const Cli::LoadedRules loaded =
+        Cli::rulesAsLoaded(ipv4Rules, "*filter\n-A NOWHERE -j ACCEPT\nCOMMIT\n");
+    EXPECT_EQ(loaded.outcome, Cli::LoadedRules::Outcome::rejected);
+    EXPECT_EQ(loaded.problem.rfind("iptables-restore: ", 0), 0U) << loaded.problem;
 }
 
 using VerifyCommand = PrivateNetwork;

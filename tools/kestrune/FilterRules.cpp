@@ -132,14 +132,14 @@ std::optional<std::string> rulesInForce(const RuleFamily& family, std::string& p
     return out.text();
 }
 
-std::optional<std::string> rulesAsLoaded(const RuleFamily& family, const std::string& text,
-                                         std::string& problem) {
+LoadedRules rulesAsLoaded(const RuleFamily& family, const std::string& text) {
+    LoadedRules result;
     const MemoryFile in;
     const MemoryFile out;
     const MemoryFile errors;
     if (in.fd() < 0 || out.fd() < 0 || errors.fd() < 0 || !in.holds(text)) {
-        problem = std::string("cannot hold the stored rules: ") + std::strerror(errno);
-        return std::nullopt;
+        result.problem = std::string("cannot hold the stored rules: ") + std::strerror(errno);
+        return result;
     }
     std::fflush(nullptr);
     const pid_t child = fork();
@@ -158,26 +158,30 @@ std::optional<std::string> rulesAsLoaded(const RuleFamily& family, const std::st
     }
     int status = 0;
     if (child < 0 || waitpid(child, &status, 0) != child || !WIFEXITED(status)) {
-        problem = "cannot load the stored rules in a scratch namespace";
-        return std::nullopt;
+        result.problem = "cannot load the stored rules in a scratch namespace";
+        return result;
     }
     switch (WEXITSTATUS(status)) {
     case loaded:
-        return out.text();
-    case noNamespace:
-        problem = "cannot make a scratch network namespace (run it as root)";
+        result.outcome = LoadedRules::Outcome::loaded;
+        result.saved = out.text();
         break;
     case restoreFailed:
-        problem = std::string(family.restore) + " rejects the stored rules: " + errors.firstLine();
+        result.outcome = LoadedRules::Outcome::rejected;
+        result.problem = std::string(family.restore) + ": " + errors.firstLine();
+        break;
+    case noNamespace:
+        result.problem = "cannot make a scratch network namespace (run it as root)";
         break;
     case restoreNotRun:
-        problem = std::string(family.restore) + " could not be run, or ran past its deadline";
+        result.problem =
+            std::string(family.restore) + " could not be run, or ran past its deadline";
         break;
     default:
-        problem = std::string(family.save) + " failed: " + errors.firstLine();
+        result.problem = std::string(family.save) + " failed: " + errors.firstLine();
         break;
     }
-    return std::nullopt;
+    return result;
 }
 
 } // namespace Kestrune::Cli

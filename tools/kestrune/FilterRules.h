@@ -33,10 +33,17 @@ std::map<std::string, RuleTable> ruleTablesOf(std::string_view saved);
 // why in `problem`, when it cannot be run.
 std::optional<std::string> rulesInForce(const RuleFamily& family, std::string& problem);
 
+// What loading a stored rule text gave.
+struct LoadedRules {
+    enum class Outcome { loaded, rejected, failed };
+    Outcome outcome = Outcome::failed;
+    std::string saved;   // loaded: the text as the save tool prints it
+    std::string problem; // rejected: the restore tool's complaint; failed: what went wrong
+};
+
 // A stored rule text as the kernel holds it once loaded: restored into an empty network
 // namespace of its own and saved from there. So rules match however the store spells them
 // ("-p tcp --dport 22" is saved as "-p tcp -m tcp --dport 22").
-std::optional<std::string> rulesAsLoaded(const RuleFamily& family, const std::string& text,
-                                         std::string& problem);
+LoadedRules rulesAsLoaded(const RuleFamily& family, const std::string& text);
 
 } // namespace Kestrune::Cli

@@ -40,24 +40,24 @@ bool rulesCompared(const RuleFamily& family, const std::string& stored, Verifica
     if (stored.empty()) {
         return true;
     }
-    std::string problem;
-    const auto loaded = rulesAsLoaded(family, stored, problem);
-    if (!loaded) {
+    const LoadedRules loaded = rulesAsLoaded(family, stored);
+    if (loaded.outcome == LoadedRules::Outcome::rejected) {
         // Rules the filter refuses cannot be in force: that is drift, not a failure to read.
-        if (problem.find(" rejects ") == std::string::npos) {
-            result.problem = problem;
-            return false;
-        }
-        result.drift.push_back(
-            {std::string(DEFAULT_NS), family.name, "rules", "loadable", problem});
+        result.drift.push_back({std::string(DEFAULT_NS), family.name, "rules", "loadable",
+                                "rejected by " + loaded.problem});
         return true;
     }
+    if (loaded.outcome == LoadedRules::Outcome::failed) {
+        result.problem = loaded.problem;
+        return false;
+    }
+    std::string problem;
     const auto inForce = rulesInForce(family, problem);
     if (!inForce) {
         result.problem = problem;
         return false;
     }
-    const auto expected = ruleTablesOf(*loaded);
+    const auto expected = ruleTablesOf(loaded.saved);
     result.rules += ruleCount(expected);
     const auto drift = ruleDrift(family, expected, ruleTablesOf(*inForce));
     result.drift.insert(result.drift.end(), drift.begin(), drift.end());
