@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <set>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -104,6 +105,43 @@ TEST_F(ProductionSwitch, ASecondRestoreEndsTheFirstsHolderAndTakesItsDevicesOver
     };
     const std::string kernel = kernelText();
     EXPECT_EQ(withCarrier(kernel), withCarrier(expected("strata-kernel.txt", kernel)));
+}
+
+// The VRFs' routed ports keep carrier only while their holder has their queues: `verify`
+// sees the restore whole after it has exited, and sees exactly those ports lose carrier
+// when the holder is gone.
+TEST_F(ProductionSwitch, VerifySeesTheVrfPortsLoseCarrierWhenTheirHolderIsGone) {
+    moduleIs("strata");
+    storeIs("strata");
+    ASSERT_EQ(restore().exitCode, 0);
+    const auto verified = [this](int& status) {
+        rapidjson::Document result;
+        result.Parse(
+            outputOf({KESTRUNE_CLI, "verify", "--json", "--pstore-dir", file("pstore")}, &status)
+                .c_str());
+        std::set<std::string> drift;
+        for (const auto& d : result["drift"].GetArray()) {
+            drift.insert(std::string(d["namespace"].GetString()) + " " + d["device"].GetString() +
+                         " " + d["check"].GetString() + " " + d["found"].GetString());
+        }
+        return drift;
+    };
+    int status = -1;
+    EXPECT_EQ(verified(status), std::set<std::string>{});
+    EXPECT_EQ(status, 0);
+
+    const pid_t holder = std::stoi(contentOf(queueHolderPidFile));
+    ASSERT_EQ(kill(holder, SIGKILL), 0);
+    for (int tries = 0; tries < 100 && running(holder); ++tries) {
+        usleep(10000);
+    }
+    EXPECT_EQ(verified(status),
+              (std::set<std::string>{"ns-blue et1_3 carrier off", "ns-blue et1_6 carrier off",
+                                     "ns-blue et1_9 carrier off", "ns-blue et1_12 carrier off",
+                                     "ns-red et1_2 carrier off", "ns-red et1_5 carrier off",
+                                     "ns-red et1_8 carrier off", "ns-red et1_11 carrier off",
+                                     "ns-red po3 carrier off"}));
+    EXPECT_EQ(status, 1);
 }
 
 TEST_F(ProductionSwitch, AFabricDeviceAlreadyThereSkipsTheModuleTheNodeAndTheQdisc) {

@@ -152,6 +152,7 @@ std::vector<NamespaceState> kernelOf(const ExpectedState& expected) {
         device.mtu = e.mtu.value_or(9216);
         device.mac = e.mac;
         device.adminUp = true;
+        device.carrier = true;
         device.qdisc = e.qdisc.empty() ? "fq_codel" : e.qdisc;
         device.ipv4 = e.ipv4;
         device.ipv6 = e.ipv6;
@@ -212,6 +213,16 @@ TEST(DeviceDrift, EachBreakIsReportedOnceAndNothingElse) {
         {"admin down",
          [](auto& k) { deviceIn(k, "ns-red", "et1_2").adminUp = false; },
          {{"ns-red", "et1_2", "admin", "up", "down"}}},
+        // Down says it all; up without carrier is a queue or a parent lost.
+        {"admin down and no carrier",
+         [](auto& k) {
+             deviceIn(k, "ns-red", "et1_5").adminUp = false;
+             deviceIn(k, "ns-red", "et1_5").carrier = false;
+         },
+         {{"ns-red", "et1_5", "admin", "up", "down"}}},
+        {"no carrier",
+         [](auto& k) { deviceIn(k, "ns-blue", "et1_9").carrier = false; },
+         {{"ns-blue", "et1_9", "carrier", "on", "off"}}},
         {"mac",
          [](auto& k) { deviceIn(k, "default", "po1").mac = "02:00:00:00:00:09"; },
          {{"default", "po1", "mac", "02:1c:73:5e:00:01", "02:00:00:00:00:09"}}},

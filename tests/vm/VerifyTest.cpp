@@ -111,6 +111,23 @@ TEST(Verify, ReportsExactlyTheOneThingBrokenAfterARestore) {
          "ip -n ns-red link set et1_2 down",
          {{"ns-red", "et1_2", "admin", "up", "down"},
           {"ns-red", "et1_2", "address", "2001:db8:1:1::1/64", "missing"}}},
+        // The SVIs sit on "fabric", in every namespace: the kernel takes them down with it,
+        // and their IPv6 addresses go.
+        {"fabric down",
+         "ip link set fabric down",
+         {{"default", "fabric", "admin", "up", "down"},
+          {"default", "vlan10", "admin", "up", "down"},
+          {"default", "vlan10", "address", "2001:db8:4::1/64", "missing"},
+          {"ns-red", "vlan11", "admin", "up", "down"},
+          {"ns-red", "vlan11", "address", "2001:db8:4:1::1/64", "missing"},
+          {"ns-blue", "vlan12", "admin", "up", "down"},
+          {"ns-blue", "vlan12", "address", "2001:db8:4:2::1/64", "missing"},
+          {"default", "vlan13", "admin", "up", "down"},
+          {"default", "vlan13", "address", "2001:db8:4:3::1/64", "missing"},
+          {"ns-red", "vlan14", "admin", "up", "down"},
+          {"ns-red", "vlan14", "address", "2001:db8:4:4::1/64", "missing"},
+          {"ns-blue", "vlan15", "admin", "up", "down"},
+          {"ns-blue", "vlan15", "address", "2001:db8:4:5::1/64", "missing"}}},
         {"a subinterface made again on another VLAN",
          "ip link del po1.100 && ip link add link po1 name po1.100 type vlan id 200 && "
          "ip link set po1.100 mtu 1500 up && ip addr add 10.3.0.1/24 dev po1.100 && "

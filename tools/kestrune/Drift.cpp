@@ -51,6 +51,10 @@ class DeviceCheck {
         }
         if (!found_.adminUp) {
             add("admin", "up", "down");
+        } else if (!found_.carrier) {
+            // Up but without its lower layer: a TAP whose queues nobody holds any more, a
+            // VLAN device whose parent went down.
+            add("carrier", "on", "off");
         }
         if (expected_.vlan && found_.kind == "vlan") {
             vlan();

@@ -99,6 +99,7 @@ int linkMessage(const nlmsghdr* message, void* data) {
     const auto* link = static_cast<const ifinfomsg*>(mnl_nlmsg_get_payload(message));
     DeviceState& device = static_cast<Dump*>(data)->devices[link->ifi_index];
     device.adminUp = (link->ifi_flags & IFF_UP) != 0;
+    device.carrier = (link->ifi_flags & IFF_LOWER_UP) != 0;
     mnl_attr_parse(message, sizeof *link, linkAttribute, &device);
     return MNL_CB_OK;
 }

@@ -14,6 +14,7 @@ struct DeviceState {
     unsigned mtu = 0;
     std::string mac;
     bool adminUp = false;
+    bool carrier = false; // the lower layer is up: a TAP's queue is held, a VLAN's parent up
     std::string operState;
     std::string qdisc;             // the root queueing discipline's kind, "" for none
     std::vector<std::string> ipv4; // "10.0.0.1/24"

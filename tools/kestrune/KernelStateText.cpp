@@ -25,6 +25,8 @@ std::string kernelStateJson(const std::vector<NamespaceState>& state) {
             writer.String(device.mac.c_str());
             writer.Key("adminUp");
             writer.Bool(device.adminUp);
+            writer.Key("carrier");
+            writer.Bool(device.carrier);
             writer.Key("operState");
             writer.String(device.operState.c_str());
             writer.Key("qdisc");

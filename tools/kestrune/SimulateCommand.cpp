@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -63,6 +64,18 @@ bool sandboxed() {
         return false;
     }
     return true;
+}
+
+// The VRFs' routed ports are TAP devices with carrier only while a queue of theirs is open,
+// and the restore's queues close with its driver: the simulation keeps copies of them for
+// its life, and its keeper's.
+void keepQueues(const Driver& driver, std::vector<int>& queues) {
+    if (!driver.vrfCreate() || !driver.vrfCreate()->ioctlUtil()) {
+        return;
+    }
+    for (const int queue : driver.vrfCreate()->ioctlUtil()->queues()) {
+        queues.push_back(fcntl(queue, F_DUPFD_CLOEXEC, 0));
+    }
 }
 
 // Leaves a process behind that holds the sandbox (and the devices' queues) until killed.
@@ -123,7 +136,11 @@ void addSimulateCommand(CLI::App& app, int& status) {
         std::shared_ptr<Sim::ChipSimulator> simulator;
         RestoreChoices choices{false, options->guard.filterRulesFirst(), {}};
         Config::PtrConst restored;
-        choices.finished = [&restored](const Driver& driver) { restored = driver.config(); };
+        std::vector<int> queues;
+        choices.finished = [&restored, &queues](const Driver& driver) {
+            restored = driver.config();
+            keepQueues(driver, queues);
+        };
         const RestoreReport report =
             runRestore([&] { return configParserCreatorFactory()->createFrom(options->file); },
                        [&](const Config& config) {
