@@ -58,9 +58,10 @@ void restoreInFreshMachine(const std::string& store, int stoppedAfter, bool resu
         mountDefaultNs();
         chipDeviceIs(std::make_shared<Sim::ChipSimulator>(dir.file("chip.log"),
                                                           Sim::ChipSimulator::Family::strata));
-        // The interrupted restore's process is gone, and its queues with it.
         Driver::Ptr driver = restore(store, stoppedAfter, false);
         if (resumeAfter) {
+            // The interrupted restore's process is gone, and its queues with it.
+            driver.reset();
             driver = restore(store, allPhases, true);
         }
         std::ofstream(stateFile) << Cli::kernelStateJson(Cli::kernelState()) << "\n"
