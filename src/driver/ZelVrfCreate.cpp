@@ -23,14 +23,6 @@ ether_addr bridgeMacOf(const Config& config) {
     return mac;
 }
 
-std::string canonicalText(const ether_addr& mac) {
-    char text[18];
-    std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", mac.ether_addr_octet[0],
-                  mac.ether_addr_octet[1], mac.ether_addr_octet[2], mac.ether_addr_octet[3],
-                  mac.ether_addr_octet[4], mac.ether_addr_octet[5]);
-    return text;
-}
-
 } // namespace
 
 void ZelVrfCreate::doInit(const Config::PtrConst& config) {
@@ -45,7 +37,7 @@ void ZelVrfCreate::doInit(const Config::PtrConst& config) {
 void ZelVrfCreate::doCreateVrfs() {
     TRACE(3) << "void Kestrune::ZelVrfCreate::doCreateVrfs()";
     TRACE(3) << "doCreateVrfs"
-             << " bridgeMac " << canonicalText(bridgeMacOf(*config_));
+             << " bridgeMac " << macText(bridgeMacOf(*config_));
     for (const auto& [name, intf] : config_->interface()) {
         const std::string& ns = intf->netNsName();
         if (ns == DEFAULT_NS || ns.empty()) {

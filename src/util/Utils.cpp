@@ -76,6 +76,14 @@ void sysGlobalIpv6Forwarding(int value) {
     procSysFileWrite("/proc/sys/net/ipv6/conf/all/forwarding", value);
 }
 
+std::string macText(const ether_addr& mac) {
+    char text[18];
+    std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", mac.ether_addr_octet[0],
+                  mac.ether_addr_octet[1], mac.ether_addr_octet[2], mac.ether_addr_octet[3],
+                  mac.ether_addr_octet[4], mac.ether_addr_octet[5]);
+    return text;
+}
+
 bool setMacAddress(const char* deviceName, const char* mac, int socketFd) {
     TRACE(3) << "setMacAddress"
              << " " << deviceName << " " << mac;

@@ -4,6 +4,7 @@
 // descriptor argument is a socket or netlink socket the caller opened in the right network
 // namespace, and they never open or close it. Global, as the restore's callers expect.
 
+#include <netinet/ether.h>
 #include <string>
 
 void procSysFileWrite(const char* path, int value);
@@ -26,6 +27,8 @@ bool schanWriteReg32(int bus, int block, int index, unsigned reg, unsigned low);
 bool schanWriteReg64(int bus, int block, int index, unsigned reg, unsigned high, unsigned low);
 
 bool setMacAddress(const char* deviceName, const char* mac, int socketFd);
+// An Ethernet address as the kernel prints it: "02:1c:73:5e:00:01".
+std::string macText(const ether_addr& mac);
 bool setDevUp(const char* deviceName, int socketFd);
 bool setMtu(const char* deviceName, unsigned mtu, int socketFd);
 // Whether a device of that name is in the socket's namespace.

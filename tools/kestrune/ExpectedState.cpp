@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
-#include <cstdio>
 #include <netinet/ether.h>
 #include <set>
 
@@ -21,16 +20,10 @@ namespace {
 // device there the largest frame before its copy in the VRF gets its own.
 constexpr std::uint32_t vrfPortMtuInDefault = 10240;
 
-std::string macText(const std::string& text) {
+// The store's bridge MAC as the kernel prints it, "" when the text is not one.
+std::string bridgeMacText(const std::string& text) {
     const ether_addr* parsed = ether_aton(text.c_str());
-    if (parsed == nullptr) {
-        return {};
-    }
-    char canonical[18];
-    const unsigned char* octet = parsed->ether_addr_octet;
-    std::snprintf(canonical, sizeof canonical, "%02x:%02x:%02x:%02x:%02x:%02x", octet[0], octet[1],
-                  octet[2], octet[3], octet[4], octet[5]);
-    return canonical;
+    return parsed != nullptr ? macText(*parsed) : std::string();
 }
 
 std::vector<std::string> sortedAddresses(std::vector<std::string> addresses) {
@@ -62,7 +55,7 @@ void configured(ExpectedDevice& device, const Interface& intf) {
 class Expectation {
   public:
     Expectation(const Config& config, bool simulatedSwitch)
-        : config_(config), mac_(macText(config.bridgeMac())),
+        : config_(config), mac_(bridgeMacText(config.bridgeMac())),
           strata_(config.platformType() == "Strata"), simulated_(simulatedSwitch) {}
 
     ExpectedState state() {
