@@ -3,7 +3,9 @@
 #include "util/Namespace.h"
 
 #include <algorithm>
+#include <set>
 #include <sstream>
+#include <string_view>
 
 namespace Kestrune::Cli {
 
@@ -108,45 +110,44 @@ std::string chainText(const std::string& chain, const std::string& policy) {
     return text;
 }
 
-const DeviceState* deviceIn(const NamespaceState& ns, const std::string& name) {
-    for (const DeviceState& device : ns.devices) {
-        if (device.name == name) {
-            return &device;
-        }
-    }
-    return nullptr;
-}
-
 } // namespace
 
 std::vector<Drift> deviceDrift(const ExpectedState& expected,
                                const std::vector<NamespaceState>& kernel) {
-    std::map<std::string, const NamespaceState*> namespaces;
+    using Place = std::pair<std::string_view, std::string_view>; // namespace, device
+    std::map<Place, const DeviceState*> found;
     for (const NamespaceState& ns : kernel) {
-        namespaces[ns.name] = &ns;
+        for (const DeviceState& device : ns.devices) {
+            found[{ns.name, device.name}] = &device;
+        }
     }
+    std::set<Place> expectedAt;
+    for (const ExpectedDevice& device : expected.devices) {
+        expectedAt.insert({device.ns, device.name});
+    }
+    const auto read = [&kernel](std::string_view name) {
+        return std::any_of(kernel.begin(), kernel.end(),
+                           [name](const NamespaceState& ns) { return ns.name == name; });
+    };
     std::vector<Drift> drift;
     for (const std::string& name : expected.namespaces) {
-        if (namespaces.count(name) == 0) {
+        if (!read(name)) {
             drift.push_back({name, none, "namespace", "present", missing});
         }
     }
     for (const ExpectedDevice& device : expected.devices) {
-        const auto ns = namespaces.find(device.ns);
-        if (ns == namespaces.end()) {
+        if (!read(device.ns)) {
             continue; // said once, for the namespace
         }
-        if (const DeviceState* found = deviceIn(*ns->second, device.name)) {
-            DeviceCheck(device, *found, drift).run();
+        if (const auto at = found.find({device.ns, device.name}); at != found.end()) {
+            DeviceCheck(device, *at->second, drift).run();
             continue;
         }
+        // Missing here, but perhaps moved to a namespace where no device of its name belongs.
         std::string elsewhere = missing;
         for (const NamespaceState& other : kernel) {
-            const bool expectedThere =
-                std::any_of(expected.devices.begin(), expected.devices.end(), [&](const auto& e) {
-                    return e.ns == other.name && e.name == device.name;
-                });
-            if (!expectedThere && deviceIn(other, device.name) != nullptr) {
+            const Place there{other.name, device.name};
+            if (found.count(there) != 0 && expectedAt.count(there) == 0) {
                 elsewhere = "in " + other.name;
                 break;
             }
