@@ -90,4 +90,16 @@ void CommonOptions::apply() {
     Log::historyPathIs(noHistory_ ? std::string() : history_);
 }
 
+void PstoreDirOption::addTo(CLI::App& command, const std::string& when) {
+    command.add_option("--pstore-dir", dir_,
+                       "Folder of zel-persistent-store.json" + when +
+                           " (default: $ZEL_PSTORE_PATH, else /mnt/flash)");
+}
+
+void PstoreDirOption::apply() const {
+    if (!dir_.empty()) {
+        setenv("ZEL_PSTORE_PATH", dir_.c_str(), 1);
+    }
+}
+
 } // namespace Kestrune::Cli

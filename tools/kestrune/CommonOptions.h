@@ -28,6 +28,19 @@ class CommonOptions {
     bool noHistory_ = false;
 };
 
+// --pstore-dir: the folder of the store that the start-up process reads, for the commands
+// that read that store.
+class PstoreDirOption {
+  public:
+    // `when` completes the help text: in which case the folder is read.
+    void addTo(CLI::App& command, const std::string& when = "");
+    // Points the store's lookup ($ZEL_PSTORE_PATH) at the folder given, if one was.
+    void apply() const;
+
+  private:
+    std::string dir_;
+};
+
 // Exit status of a command line that is not understood.
 constexpr int badUsage = 2;
 

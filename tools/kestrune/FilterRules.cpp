@@ -1,12 +1,12 @@
 #include "FilterRules.h"
 
+#include "KernelState.h"
 #include "util/Command.h"
 #include "util/Namespace.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <optional>
 #include <sched.h>
 #include <sstream>
@@ -112,9 +112,8 @@ std::map<std::string, RuleTable> ruleTablesOf(std::string_view saved) {
 }
 
 std::optional<std::string> rulesInForce(const RuleFamily& family, std::string& problem) {
-    std::error_code ignored;
     std::optional<NamespaceVisit> visit;
-    if (std::filesystem::exists(namespacePath(DEFAULT_NS), ignored)) {
+    if (defaultNamespaceNamed()) {
         visit.emplace("verify", DEFAULT_NS);
         if (!visit->entered()) {
             problem = "cannot enter the default namespace";

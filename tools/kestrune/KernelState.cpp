@@ -207,15 +207,10 @@ std::vector<std::string> namespaceNames() {
     return names;
 }
 
-bool namedYet(const std::string& name) {
-    std::error_code ignored;
-    return std::filesystem::exists(namespacePath(name), ignored);
-}
-
 // A netlink socket in the namespace. The default namespace, before a restore has named it,
 // is this process's own.
 int netlinkIn(const std::string& name) {
-    if (name == DEFAULT_NS && !namedYet(name)) {
+    if (name == DEFAULT_NS && !defaultNamespaceNamed()) {
         return socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
     }
     return openSocketInNs(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE, name);
@@ -247,8 +242,8 @@ std::optional<Dump> namespaceDump(const std::string& name) {
 
 // The id that the namespace behind `netlinkFd` gives the namespace `other`, -1 for none.
 std::int32_t idOf(int netlinkFd, const std::string& other) {
-    const std::string path =
-        other == DEFAULT_NS && !namedYet(other) ? "/proc/self/ns/net" : namespacePath(other);
+    const std::string path = other == DEFAULT_NS && !defaultNamespaceNamed() ? "/proc/self/ns/net"
+                                                                             : namespacePath(other);
     const int target = path.empty() ? -1 : open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (target < 0) {
         return -1;
@@ -319,6 +314,11 @@ void nameParents(std::vector<NamespaceState>& state) {
 }
 
 } // namespace
+
+bool defaultNamespaceNamed() {
+    std::error_code ignored;
+    return std::filesystem::exists(namespacePath(DEFAULT_NS), ignored);
+}
 
 std::vector<NamespaceState> kernelState() {
     std::vector<NamespaceState> state;

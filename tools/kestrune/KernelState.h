@@ -41,6 +41,9 @@ struct NamespaceState {
 // yet, is the namespace this process is in.
 std::vector<NamespaceState> kernelState();
 
+// Whether a restore has named the default namespace yet; before, it is this process's own.
+bool defaultNamespaceNamed();
+
 std::string kernelStateJson(const std::vector<NamespaceState>& state);
 std::string kernelStateTable(const std::vector<NamespaceState>& state);
 

@@ -91,6 +91,13 @@ bool doEndQueueHolder(std::string& problem) {
     return false;
 }
 
+const std::vector<int>& vrfQueuesOf(const Driver& driver) {
+    static const std::vector<int> none;
+    return driver.vrfCreate() && driver.vrfCreate()->ioctlUtil()
+               ? driver.vrfCreate()->ioctlUtil()->queues()
+               : none;
+}
+
 bool doHoldQueues(const std::vector<int>& queues, std::string& problem) {
     if (queues.empty()) {
         return true;

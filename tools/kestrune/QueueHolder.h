@@ -1,5 +1,7 @@
 #pragma once
 
+#include "driver/Driver.h"
+
 #include <CLI/CLI.hpp>
 #include <string>
 #include <vector>
@@ -17,6 +19,8 @@ inline constexpr const char* holderPidFile = "/run/kestrune/queues.pid";
 // then have no carrier until this restore takes them over). False, with the reason in
 // `problem`, when a holder is there and will not end.
 bool doEndQueueHolder(std::string& problem);
+// The queues of the TAP devices the driver made in the VRFs (none before it made any).
+const std::vector<int>& vrfQueuesOf(const Driver& driver);
 // Starts a holder of these queues; false, with the reason in `problem`, when it cannot.
 bool doHoldQueues(const std::vector<int>& queues, std::string& problem);
 

@@ -19,7 +19,7 @@ namespace Kestrune::Cli {
 namespace {
 
 struct RestoreOptions {
-    std::string pstoreDir;
+    PstoreDirOption pstoreDir;
     std::string report;
     bool resume = false;
     CommonOptions common;
@@ -33,9 +33,7 @@ void addRestoreCommand(CLI::App& app, int& status) {
     CLI::App* command = app.add_subcommand(
         "restore", "Restore the CPU packet path from the persistent store, as the start-up "
                    "process does: exit 0 all done, 1 done with failures, 2 could not start");
-    command->add_option("--pstore-dir", options->pstoreDir,
-                        "Folder of zel-persistent-store.json (default: $ZEL_PSTORE_PATH, else "
-                        "/mnt/flash)");
+    options->pstoreDir.addTo(*command);
     command->add_option("--report", options->report, "Write what the restore did as JSON");
     command->add_flag("--resume", options->resume,
                       "Finish a restore that was interrupted: devices already there are taken over "
@@ -52,9 +50,7 @@ void addRestoreCommand(CLI::App& app, int& status) {
             return;
         }
         options->guard.apply();
-        if (!options->pstoreDir.empty()) {
-            setenv("ZEL_PSTORE_PATH", options->pstoreDir.c_str(), 1);
-        }
+        options->pstoreDir.apply();
         // The devices a previous restore made are taken over, which its holder would refuse.
         std::string problem;
         if (!doEndQueueHolder(problem)) {
@@ -63,11 +59,8 @@ void addRestoreCommand(CLI::App& app, int& status) {
         }
         RestoreChoices choices{options->resume, options->guard.filterRulesFirst(), {}};
         choices.finished = [](const Driver& driver) {
-            if (!driver.vrfCreate() || !driver.vrfCreate()->ioctlUtil()) {
-                return;
-            }
             std::string failure;
-            if (!doHoldQueues(driver.vrfCreate()->ioctlUtil()->queues(), failure)) {
+            if (!doHoldQueues(vrfQueuesOf(driver), failure)) {
                 TRACE(0) << "QueueHolder " << failure;
                 Log::logEvent("QueueHolder", failure);
             }

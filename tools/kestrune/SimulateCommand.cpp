@@ -3,6 +3,7 @@
 #include "ChipSimulator.h"
 #include "CommonOptions.h"
 #include "KernelState.h"
+#include "QueueHolder.h"
 #include "RestoreRun.h"
 #include "VerifyCommand.h"
 #include "parser/ConfigParserCreator.h"
@@ -70,10 +71,7 @@ bool sandboxed() {
 // and the restore's queues close with its driver: the simulation keeps copies of them for
 // its life, and its keeper's.
 void keepQueues(const Driver& driver, std::vector<int>& queues) {
-    if (!driver.vrfCreate() || !driver.vrfCreate()->ioctlUtil()) {
-        return;
-    }
-    for (const int queue : driver.vrfCreate()->ioctlUtil()->queues()) {
+    for (const int queue : vrfQueuesOf(driver)) {
         queues.push_back(fcntl(queue, F_DUPFD_CLOEXEC, 0));
     }
 }

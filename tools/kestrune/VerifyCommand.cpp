@@ -22,7 +22,7 @@ namespace {
 
 struct VerifyOptions {
     std::string file;
-    std::string pstoreDir;
+    PstoreDirOption pstoreDir;
     bool json = false;
     CommonOptions common;
 };
@@ -142,9 +142,7 @@ void addVerifyCommand(CLI::App& app, int& status) {
                   "the restore makes: exit 0 it matches, 1 it drifted, 2 it could not be read");
     command->add_option("FILE", options->file,
                         "The persistent store (default: the one restore reads)");
-    command->add_option("--pstore-dir", options->pstoreDir,
-                        "Folder of zel-persistent-store.json, when no FILE is given (default: "
-                        "$ZEL_PSTORE_PATH, else /mnt/flash)");
+    options->pstoreDir.addTo(*command, ", when no FILE is given");
     command->add_flag("--json", options->json, "Print the result as one JSON object");
     options->common.addTo(*command);
     command->callback([options, &status] {
@@ -156,9 +154,7 @@ void addVerifyCommand(CLI::App& app, int& status) {
             status = 2;
             return;
         }
-        if (!options->pstoreDir.empty()) {
-            setenv("ZEL_PSTORE_PATH", options->pstoreDir.c_str(), 1);
-        }
+        options->pstoreDir.apply();
         auto creator = configParserCreatorFactory();
         auto parser =
             options->file.empty() ? creator->create() : creator->createFrom(options->file);
