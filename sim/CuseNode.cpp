@@ -136,10 +136,10 @@ std::string CuseNode::openRefusal(int flags) {
     if (kind_ == Kind::bde && opens_ > 1 && chip_.refuses("bde-reopen")) {
         return "told to take one open only";
     }
-    // The node must be what the platform's bring-up makes: a character device, 0666, under
-    // the driver's numbers.
+    // The node the open reached (through a link too, as a kernel driver sees it) must be what
+    // the platform's bring-up makes: a character device, 0666, under the driver's numbers.
     struct stat node {};
-    if (::lstat(path(), &node) != 0) {
+    if (::stat(path(), &node) != 0) {
         return std::string("no node: ") + std::strerror(errno);
     }
     if (!S_ISCHR(node.st_mode)) {

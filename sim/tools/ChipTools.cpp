@@ -1,6 +1,8 @@
 // The chip's command-line tools as the simulator ships them: one program that acts as `fab`
 // or `schan` by the name it is run under. Each run is a line of the chip log
-// ($KESTRUNE_CHIP_LOG); `schan` keeps the chip's registers in $KESTRUNE_CHIP_REGISTERS.
+// ($KESTRUNE_CHIP_LOG); `schan` keeps the chip's registers in $KESTRUNE_CHIP_REGISTERS. A
+// start-up process may run them with no environment at all: then the log is the one the chip
+// device daemon keeps on a switch, and the registers sit beside it.
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -11,13 +13,13 @@
 
 namespace {
 
-std::string environment(const char* name) {
+std::string environment(const char* name, const char* otherwise) {
     const char* value = std::getenv(name);
-    return value != nullptr ? value : "";
+    return value != nullptr ? value : otherwise;
 }
 
 void logRun(const std::string& tool, const std::vector<std::string>& words) {
-    const std::string path = environment("KESTRUNE_CHIP_LOG");
+    const std::string path = environment("KESTRUNE_CHIP_LOG", "/run/kestrune/chip.log");
     if (path.empty()) {
         return;
     }
@@ -66,7 +68,7 @@ bool is32(const std::string& reg) {
 }
 
 int schan(const std::vector<std::string>& words) {
-    const std::string path = environment("KESTRUNE_CHIP_REGISTERS");
+    const std::string path = environment("KESTRUNE_CHIP_REGISTERS", "/run/kestrune/chip-registers");
     if (words.size() < 5 || path.empty()) {
         std::printf("schan: usage: schan PCI readreg|writereg BLOCK INDEX REG [HIGH] LOW\n");
         return 1;

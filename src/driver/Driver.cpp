@@ -6,6 +6,7 @@
 #include "util/KernelName.h"
 #include "util/Namespace.h"
 #include "util/NetDevice.h"
+#include "util/RestoreGuards.h"
 #include "util/Stop.h"
 #include "util/Trace.h"
 #include "util/Utils.h"
@@ -81,7 +82,8 @@ void Driver::doRaiseDescriptorLimit(std::size_t namespaces) {
     // it by. A device made as a TAP keeps its queue open: up to two an interface (a routed
     // port in a VRF is made there again; on a simulated chip every port is a TAP too). The
     // chip's devices, the history, the commands' pipes and the namespace files opened on the
-    // way need the margin.
+    // way need the margin. On a switch the chip's driver holds the ports' devices, so far
+    // fewer are needed: without the guard, a limit that cannot be raised is left as it is.
     constexpr rlim_t margin = 128;
     const std::size_t interfaces = config_->interface().size();
     const rlim_t needed = 5 * static_cast<rlim_t>(namespaces) + 2 * interfaces + margin;
@@ -90,9 +92,19 @@ void Driver::doRaiseDescriptorLimit(std::size_t namespaces) {
     if (limit.rlim_cur >= needed) {
         return;
     }
+    const bool guarded = restoreGuards().descriptorLimit;
+    if (!guarded) {
+        // Within the hard limit the raise changes nothing that anyone sees.
+        if (limit.rlim_cur < limit.rlim_max) {
+            rlimit raised{std::min(needed, limit.rlim_max), limit.rlim_max};
+            setrlimit(RLIMIT_NOFILE, &raised);
+        }
+        return;
+    }
     rlimit raised{needed, std::max(limit.rlim_max, needed)};
     if (setrlimit(RLIMIT_NOFILE, &raised) == 0) {
-        TRACE(3) << "doInit descriptor limit raised from " << limit.rlim_cur << " to " << needed;
+        TRACE_EXTRA(3) << "doInit descriptor limit raised from " << limit.rlim_cur << " to "
+                       << needed;
         return;
     }
     const std::string text = "doInit needs " + std::to_string(needed) + " descriptors for " +

@@ -92,8 +92,8 @@ class Driver {
     // The end of a creation: traced, recorded when it failed, and noted in `created`.
     void createdWith(const Interface& intf, bool made);
     // Raises the process's descriptor limit to what the sockets of this many namespaces and
-    // the queues of the devices need; ends the process with a recorded message saying how
-    // many when it cannot.
+    // the queues of the devices need, within the hard limit; with the descriptor guard, past
+    // it too, ending the process with a recorded message saying how many when it cannot.
     void doRaiseDescriptorLimit(std::size_t namespaces);
     // Resuming: true when the interface's device is there already, in its namespace or the
     // default one, and is now taken as created.

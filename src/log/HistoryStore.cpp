@@ -1,6 +1,7 @@
 #include "log/HistoryStore.h"
 
 #include "log/EventJournal.h"
+#include "util/RestoreGuards.h"
 #include "util/Trace.h"
 
 #include <cerrno>
@@ -112,7 +113,7 @@ HistoryStore::~HistoryStore() {
 }
 
 void HistoryStore::problemIs(std::string problem) {
-    TRACE(0) << "HistoryStore " << problem;
+    TRACE_EXTRA(0) << "HistoryStore " << problem;
     problems_.push_back(std::move(problem));
 }
 
@@ -191,8 +192,8 @@ bool HistoryStore::doInsert(const std::vector<Event>& events) {
     const int begun = sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
     locked_ = begun == SQLITE_BUSY || begun == SQLITE_LOCKED;
     if (locked_) {
-        TRACE(0) << "HistoryStore " << path_ << " is locked by another writer; " << events.size()
-                 << " events wait in the journal";
+        TRACE_EXTRA(0) << "HistoryStore " << path_ << " is locked by another writer; "
+                       << events.size() << " events wait in the journal";
         return false;
     }
     bool stored = begun == SQLITE_OK;

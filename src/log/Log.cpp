@@ -1,5 +1,6 @@
 #include "log/Log.h"
 
+#include "util/RestoreGuards.h"
 #include "util/Trace.h"
 
 #include <chrono>
@@ -24,7 +25,7 @@ double utcNow() {
 // A lost event is worth one trace line, not one per event.
 void journalProblemIs(std::vector<std::string>& problems, const std::string& problem) {
     if (problems.empty() || problems.back() != problem) {
-        TRACE(0) << "logEvent " << problem;
+        TRACE_EXTRA(0) << "logEvent " << problem;
         problems.push_back(problem);
     }
 }
@@ -65,7 +66,7 @@ void Log::eventIs(std::string origin, const std::string& messageGroup, const std
     const double now = utcNow();
     Event event = eventFactory("persistent", "Kestrune", messageGroup, now, message);
     event.origin = std::move(origin);
-    TRACE(9) << "logEvent " << messageGroup << ": " << message;
+    TRACE_EXTRA(9) << "logEvent " << messageGroup << ": " << message;
     if (journal_.isOpen() && !journal_.doAppend(event)) {
         journalProblemIs(journalProblems_, journal_.error());
     }

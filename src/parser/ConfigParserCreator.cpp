@@ -4,6 +4,7 @@
 #include "parser/SandConfigParser.h"
 #include "parser/StoreFile.h"
 #include "parser/StrataConfigParser.h"
+#include "util/RestoreGuards.h"
 #include "util/Trace.h"
 
 #include <cstdio>
@@ -34,7 +35,8 @@ ConfigParser::Ptr ConfigParserCreator::createFrom(const std::string& path) {
 
     std::string bytes;
     std::string reason;
-    const StoreFile::Outcome read = StoreFile::doRead(path, bytes, reason);
+    const bool bounded = restoreGuards().storeBounds;
+    const StoreFile::Outcome read = StoreFile::doRead(path, bytes, reason, bounded);
     if (read != StoreFile::Outcome::Read) {
         TRACE(0) << "create"
                  << " " << path << " file not present";
@@ -48,7 +50,7 @@ ConfigParser::Ptr ConfigParserCreator::createFrom(const std::string& path) {
     }
 
     rapidjson::Document document;
-    if (!StoreFile::doParse(bytes, document, reason)) {
+    if (!StoreFile::doParse(bytes, document, reason, bounded) && bounded) {
         // The document stays null, which the first lookup below asserts on: a corrupt store
         // is not something a restore can recover from. Where it went wrong is recorded first.
         TRACE(0) << "create " << path << " is not JSON: " << reason;

@@ -12,10 +12,11 @@ namespace Kestrune {
 
 namespace {
 
-// The document's own SAX handler, refusing nesting deeper than StoreFile::maxDepth.
+// The document's own SAX handler, refusing nesting deeper than maxDepth.
 class DepthBounded {
   public:
-    explicit DepthBounded(rapidjson::Document& document) : document_(document) {}
+    DepthBounded(rapidjson::Document& document, unsigned maxDepth)
+        : document_(document), maxDepth_(maxDepth) {}
 
     bool Null() { return document_.Null(); }
     bool Bool(bool b) { return document_.Bool(b); }
@@ -48,11 +49,12 @@ class DepthBounded {
 
   private:
     bool deeper() {
-        tooDeep_ = ++depth_ > StoreFile::maxDepth;
+        tooDeep_ = ++depth_ > maxDepth_;
         return !tooDeep_;
     }
 
     rapidjson::Document& document_;
+    unsigned maxDepth_;
     unsigned depth_ = 0;
     bool tooDeep_ = false;
 };
@@ -64,16 +66,19 @@ std::string failure(const std::string& path, const char* what) {
 } // namespace
 
 StoreFile::Outcome StoreFile::doRead(const std::string& path, std::string& bytes,
-                                     std::string& reason) {
+                                     std::string& reason, bool bounded) {
     // Non-blocking, so that opening a FIFO does not wait for a writer.
-    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    const int fd = ::open(path.c_str(), O_RDONLY | (bounded ? O_NONBLOCK : 0) | O_CLOEXEC);
     if (fd < 0) {
         reason = failure(path, "cannot be opened");
         return Outcome::NotReadable;
     }
     struct stat status {};
     Outcome outcome = Outcome::Read;
-    if (fstat(fd, &status) != 0) {
+    const std::size_t limit = bounded ? maxBytes : bytes.max_size() - 1;
+    if (!bounded) {
+        status.st_size = 0; // read whatever is there, as a stream does
+    } else if (fstat(fd, &status) != 0) {
         reason = failure(path, "cannot be examined");
         outcome = Outcome::NotReadable;
     } else if (!S_ISREG(status.st_mode)) {
@@ -90,7 +95,7 @@ StoreFile::Outcome StoreFile::doRead(const std::string& path, std::string& bytes
         // The file may grow or shrink while it is read: read to its end, within the bound.
         for (;;) {
             if (done == bytes.size()) {
-                bytes.resize(std::min(maxBytes + 1, bytes.size() + 65536));
+                bytes.resize(std::min(limit + 1, bytes.size() + 65536));
                 if (done == bytes.size()) {
                     break;
                 }
@@ -100,7 +105,8 @@ StoreFile::Outcome StoreFile::doRead(const std::string& path, std::string& bytes
                 continue;
             }
             if (count <= 0) {
-                if (count < 0) {
+                // Unbounded, a read error ends the bytes as it ends a stream's.
+                if (count < 0 && bounded) {
                     reason = failure(path, "cannot be read");
                     outcome = Outcome::NotReadable;
                 }
@@ -109,7 +115,7 @@ StoreFile::Outcome StoreFile::doRead(const std::string& path, std::string& bytes
             done += static_cast<std::size_t>(count);
         }
         bytes.resize(done);
-        if (outcome == Outcome::Read && done > maxBytes) {
+        if (outcome == Outcome::Read && done > limit) {
             reason = path + " is more than a store's " + std::to_string(maxBytes) + " bytes";
             outcome = Outcome::TooLarge;
         }
@@ -119,15 +125,15 @@ StoreFile::Outcome StoreFile::doRead(const std::string& path, std::string& bytes
 }
 
 bool StoreFile::doParse(const std::string& bytes, rapidjson::Document& document,
-                        std::string& reason) {
+                        std::string& reason, bool bounded) {
     rapidjson::MemoryStream stream(bytes.data(), bytes.size());
     rapidjson::Reader reader;
     bool tooDeep = false;
     auto generator = [&](rapidjson::Document& handler) {
-        DepthBounded bounded(handler);
+        DepthBounded depthBounded(handler, bounded ? maxDepth : ~0U);
         const bool parsed =
-            !reader.Parse<rapidjson::kParseIterativeFlag>(stream, bounded).IsError();
-        tooDeep = bounded.tooDeep();
+            !reader.Parse<rapidjson::kParseIterativeFlag>(stream, depthBounded).IsError();
+        tooDeep = depthBounded.tooDeep();
         return parsed;
     };
     document.SetNull();

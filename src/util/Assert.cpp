@@ -1,6 +1,7 @@
 #include "util/Assert.h"
 
 #include "log/Log.h"
+#include "util/RestoreGuards.h"
 #include "util/Stop.h"
 
 #include <cstdio>
@@ -42,8 +43,10 @@ void assertionFailed(const char* condition, const char* file, int line) {
     // A command the restore started must not outlive it.
     doEndRunningCommand();
     try {
-        Log::logEvent("Assertion", "assertion failed: " + std::string(condition) + " (" + file +
-                                       ":" + std::to_string(line) + ")");
+        if (restoreGuards().extraReports) {
+            Log::logEvent("Assertion", "assertion failed: " + std::string(condition) + " (" + file +
+                                           ":" + std::to_string(line) + ")");
+        }
         Log::doStorePending();
     } catch (const std::exception& e) {
         std::fprintf(stderr, "Kestrune: could not record the assertion: %s\n", e.what());

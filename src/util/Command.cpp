@@ -1,6 +1,7 @@
 #include "util/Command.h"
 
 #include "log/Log.h"
+#include "util/RestoreGuards.h"
 #include "util/Stop.h"
 #include "util/Trace.h"
 #include "util/Utils.h"
@@ -24,11 +25,19 @@
 namespace Kestrune {
 namespace {
 
-int deadlineMs = commandDefaultDeadlineMs;
+// What waitAtMost found.
+constexpr int waited = 0;
+constexpr int cannotWait = -1; // no child to wait for: the caller reaps its children itself
+constexpr int killed = -2;     // past its deadline
 
-// The deadline of a command given none of its own: the process-wide one.
+// The shell's search path when PATH is unset or empty: a start-up process may have no
+// environment at all, and the tools the restore runs live in the sbin folders.
+constexpr std::string_view shellDefaultPath =
+    "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+
+// The deadline of a command given none of its own: the caller's guard, if any.
 int effectiveTimeout(int timeoutMs) {
-    return timeoutMs >= 0 ? timeoutMs : deadlineMs;
+    return timeoutMs >= 0 ? timeoutMs : restoreGuards().commandDeadlineMs;
 }
 
 // Ends a command that ran past its deadline, with whatever it started (it leads its own
@@ -37,18 +46,20 @@ void killPastDeadline(const std::string& commandLine, pid_t pid, int timeoutMs) 
     kill(-pid, SIGKILL);
     const std::string text =
         commandLine + " killed after " + std::to_string(timeoutMs) + " ms: past its deadline";
-    TRACE(0) << "runCommand " << text;
+    TRACE_EXTRA(0) << "runCommand " << text;
     Log::logEvent("Command", text);
 }
 
 // The program's path: the word itself when it names a folder, else the first executable of
-// that name on PATH. Found before the child exists, which may only make system calls.
+// that name on PATH, as the shell finds it. Found before the child exists, which may only
+// make system calls.
 std::string programPath(const std::string& name) {
     if (name.find('/') != std::string::npos) {
         return name;
     }
     const char* path = std::getenv("PATH");
-    const std::string_view folders = path != nullptr ? path : "/usr/bin:/bin";
+    const std::string_view folders =
+        path != nullptr && *path != '\0' ? std::string_view(path) : shellDefaultPath;
     for (std::size_t start = 0; start <= folders.size();) {
         const std::size_t end = std::min(folders.find(':', start), folders.size());
         std::string candidate(folders.substr(start, end - start));
@@ -118,14 +129,14 @@ pid_t forkCommand(const char* program, char* const argv[], const std::array<int,
 pid_t spawn(const std::string& commandLine, int stdinFd, int stdoutFd, int stderrFd) {
     const std::vector<std::string> words = commandArgv(commandLine);
     if (words.empty()) {
-        TRACE(0) << "runCommand"
-                 << " empty command line";
+        TRACE_EXTRA(0) << "runCommand"
+                       << " empty command line";
         return -1;
     }
     const std::string program = programPath(words[0]);
     if (program.empty()) {
-        TRACE(0) << "runCommand"
-                 << " cannot start " << commandLine << ": " << std::strerror(ENOENT);
+        TRACE_EXTRA(0) << "runCommand"
+                       << " cannot start " << commandLine << ": " << std::strerror(ENOENT);
         return -1;
     }
     std::vector<char*> argv;
@@ -143,8 +154,8 @@ pid_t spawn(const std::string& commandLine, int stdinFd, int stdoutFd, int stder
     // Closed by a successful exec; carries errno back from a failed one.
     std::array<int, 2> error{-1, -1};
     if (pipe2(error.data(), O_CLOEXEC) != 0) {
-        TRACE(0) << "runCommand"
-                 << " cannot start " << commandLine << ": " << std::strerror(errno);
+        TRACE_EXTRA(0) << "runCommand"
+                       << " cannot start " << commandLine << ": " << std::strerror(errno);
         ::close(nullFd);
         return -1;
     }
@@ -163,12 +174,12 @@ pid_t spawn(const std::string& commandLine, int stdinFd, int stdoutFd, int stder
     }
     ::close(error[0]);
     if (childError != 0) {
-        TRACE(0) << "runCommand"
-                 << " cannot start " << commandLine << ": " << std::strerror(childError);
+        TRACE_EXTRA(0) << "runCommand"
+                       << " cannot start " << commandLine << ": " << std::strerror(childError);
         return -1;
     }
-    TRACE(9) << "runCommand"
-             << " started " << commandLine << " pid " << pid;
+    TRACE_EXTRA(9) << "runCommand"
+                   << " started " << commandLine << " pid " << pid;
     return pid;
 }
 
@@ -176,25 +187,27 @@ int statusOf(const std::string& commandLine, int status) {
     if (WIFEXITED(status)) {
         return WEXITSTATUS(status);
     }
-    TRACE(0) << "runCommand " << commandLine << " ended by signal " << WTERMSIG(status);
+    TRACE_EXTRA(0) << "runCommand " << commandLine << " ended by signal " << WTERMSIG(status);
     return -1;
 }
 
+// waited, or cannotWait when the child is not ours to wait for: a caller that ignores SIGCHLD
+// has its children reaped by the kernel, and the wait fails as the C library's would.
 int waitFor(pid_t pid, int* status) {
     runningCommandIs(pid);
     for (;;) {
         if (waitpid(pid, status, 0) == pid) {
             runningCommandIs(0);
-            return 0;
+            return waited;
         }
         if (errno != EINTR) {
             runningCommandIs(0);
-            return -1;
+            return cannotWait;
         }
     }
 }
 
-// Waits for the child until the deadline; kills it when the time is up (-1).
+// Waits for the child until the deadline; kills it when the time is up (killed).
 int waitAtMost(const std::string& commandLine, pid_t pid, const CommandDeadline& deadline,
                int* status) {
     if (deadline.timeoutMs() < 0) {
@@ -213,7 +226,7 @@ int waitAtMost(const std::string& commandLine, pid_t pid, const CommandDeadline&
         if (ready == 0) {
             killPastDeadline(commandLine, pid, deadline.timeoutMs());
             waitFor(pid, status);
-            return -1;
+            return killed;
         }
     }
     return waitFor(pid, status);
@@ -229,14 +242,6 @@ int CommandDeadline::leftMs() const {
                            std::chrono::steady_clock::now() - start_)
                            .count();
     return spent >= timeoutMs_ ? 0 : static_cast<int>(timeoutMs_ - spent);
-}
-
-void commandDeadlineMsIs(int milliseconds) {
-    deadlineMs = milliseconds;
-}
-
-int commandDeadlineMs() {
-    return deadlineMs;
 }
 
 std::vector<std::string> commandArgv(std::string_view line) {
@@ -258,8 +263,8 @@ CommandInput::CommandInput(const std::string& commandLine, int timeoutMs)
     : commandLine_(commandLine), deadline_(effectiveTimeout(timeoutMs)) {
     std::array<int, 2> ends{-1, -1};
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
-        TRACE(0) << "runCommand"
-                 << " cannot make a pipe for " << commandLine << ": " << std::strerror(errno);
+        TRACE_EXTRA(0) << "runCommand"
+                       << " cannot make a pipe for " << commandLine << ": " << std::strerror(errno);
         return;
     }
     // The command only reads; shutting our reading side tells it so.
@@ -311,10 +316,13 @@ int CommandInput::close() {
     int status = 0;
     const pid_t pid = pid_;
     pid_ = -1;
-    if (deadline_.leftMs() == 0) {
-        // Killed while its input was written: only its end is left to collect.
-        waitFor(pid, &status);
-    } else if (waitAtMost(commandLine_, pid, deadline_, &status) != 0) {
+    // Killed while its input was written: only its end is left to collect.
+    const int outcome = deadline_.leftMs() == 0 ? waitFor(pid, &status)
+                                                : waitAtMost(commandLine_, pid, deadline_, &status);
+    if (outcome == cannotWait) {
+        return -1;
+    }
+    if (outcome == killed) {
         return 128 + SIGKILL;
     }
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
@@ -330,8 +338,8 @@ int runCommand(const std::string& commandLine, int stdinFd, int stdoutFd, int st
     }
     int status = 0;
     const Kestrune::CommandDeadline deadline(Kestrune::effectiveTimeout(timeoutMs));
-    const int waited = Kestrune::waitAtMost(commandLine, pid, deadline, &status);
-    return waited == 0 ? Kestrune::statusOf(commandLine, status) : -1;
+    const int outcome = Kestrune::waitAtMost(commandLine, pid, deadline, &status);
+    return outcome == Kestrune::waited ? Kestrune::statusOf(commandLine, status) : -1;
 }
 
 std::string exec(const char* command) {
@@ -360,6 +368,8 @@ std::string exec(const char* command) {
     }
     close(ends[0]);
     int status = 0;
-    Kestrune::waitAtMost(command, pid, Kestrune::CommandDeadline(Kestrune::deadlineMs), &status);
+    Kestrune::waitAtMost(
+        command, pid,
+        Kestrune::CommandDeadline(Kestrune::effectiveTimeout(Kestrune::commandNoTimeout)), &status);
     return output;
 }

@@ -15,14 +15,9 @@ namespace Kestrune {
 // Values of runCommand's descriptor arguments besides a descriptor of the caller's.
 inline constexpr int commandInherit = -1; // the child shares the caller's stream
 inline constexpr int commandDiscard = -2; // the stream is /dev/null
+// A command given no timeout of its own runs until it ends, or until the caller's command
+// deadline (RestoreGuards::commandDeadlineMs) when one is set.
 inline constexpr int commandNoTimeout = -1;
-inline constexpr int commandDefaultDeadlineMs = 30000;
-
-// Every command the restore runs ends by this deadline, also those run with no timeout of
-// their own: past it, the command's process group is killed, traced and recorded. A restore
-// that hangs keeps the switch from coming back. commandNoTimeout lifts it.
-void commandDeadlineMsIs(int milliseconds);
-int commandDeadlineMs();
 
 // A command's deadline, counted from when it was made.
 class CommandDeadline {
@@ -55,7 +50,8 @@ class CommandInput {
     // The number of bytes the command's input took: all of them unless it stopped reading.
     std::size_t write(std::string_view bytes);
     // Ends the input and waits: the exit status (128 + the signal for a command a signal
-    // ended or the deadline killed), or -1 when the command could not be waited for.
+    // ended or the deadline killed), or -1 when the command could not be waited for (the
+    // caller ignores SIGCHLD), as pclose gives it.
     int close();
 
   private:
@@ -67,8 +63,9 @@ class CommandInput {
 
 } // namespace Kestrune
 
-// Runs a command line and returns its exit status, or -1 when it could not start, was ended
-// by a signal or ran past timeoutMs (commandNoTimeout: the process-wide deadline). The descriptors
+// Runs a command line and returns its exit status, or -1 when it could not start or be waited
+// for, was ended by a signal or ran past timeoutMs (commandNoTimeout: the caller's command
+// deadline, if any). The descriptors
 // become the child's standard input, output and error; commandInherit and commandDiscard as above.
 int runCommand(const std::string& commandLine, int stdinFd = Kestrune::commandInherit,
                int stdoutFd = Kestrune::commandInherit, int stderrFd = Kestrune::commandInherit,

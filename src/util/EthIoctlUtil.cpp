@@ -2,6 +2,7 @@
 
 #include "util/KernelName.h"
 #include "util/Namespace.h"
+#include "util/RestoreGuards.h"
 #include "util/Trace.h"
 
 #include <algorithm>
@@ -19,7 +20,7 @@ namespace Kestrune {
 namespace {
 
 bool failed(const std::string& name, const char* step) {
-    TRACE(0) << "createIntf " << name << " " << step << ": " << std::strerror(errno);
+    TRACE_EXTRA(0) << "createIntf " << name << " " << step << ": " << std::strerror(errno);
     return false;
 }
 
@@ -75,9 +76,9 @@ int EthIoctlUtil::socketOfThreadNs(std::string_view nsName) {
 
 bool EthIoctlUtil::createIntf(const std::string& name, const ether_addr& mac, bool operStatus,
                               std::string_view nsName) {
-    TRACE(3) << "createIntf " << name << " in " << nsName;
-    if (!isKernelDeviceName(name)) {
-        TRACE(0) << "createIntf " << name << " is not a kernel device name";
+    TRACE_EXTRA(3) << "createIntf " << name << " in " << nsName;
+    if (restoreGuards().kernelNames && !isKernelDeviceName(name)) {
+        TRACE_EXTRA(0) << "createIntf " << name << " is not a kernel device name";
         return false;
     }
     const NamespaceVisit visit("createIntf", nsName, namespaces_.fdOf(nsName));

@@ -1,5 +1,6 @@
 #include "util/HardwareFeatureStatus.h"
 
+#include "util/RestoreGuards.h"
 #include "util/Trace.h"
 
 #include <fstream>
@@ -23,7 +24,7 @@ void HardwareFeatureStatus::doPopulate() {
     applicationEnable_ = false;
     std::ifstream file(path_);
     if (!file) {
-        TRACE(9) << "HardwareFeatureStatus " << path_ << " absent: every feature off";
+        TRACE_EXTRA(9) << "HardwareFeatureStatus " << path_ << " absent: every feature off";
         return;
     }
     std::string line;
@@ -39,8 +40,8 @@ void HardwareFeatureStatus::doPopulate() {
                                            ? std::string_view{}
                                            : trimmed(text.substr(equals + 1));
         if (equals == std::string_view::npos || name.empty() || (value != "0" && value != "1")) {
-            TRACE(0) << "HardwareFeatureStatus " << path_ << ":" << number
-                     << " expected name=0 or name=1, found \"" << line << "\"";
+            TRACE_EXTRA(0) << "HardwareFeatureStatus " << path_ << ":" << number
+                           << " expected name=0 or name=1, found \"" << line << "\"";
             continue;
         }
         if (name == "applicationEnable") {

@@ -1,5 +1,7 @@
 #include "util/KernelName.h"
 
+#include "util/RestoreGuards.h"
+
 #include <array>
 #include <net/if.h>
 
@@ -65,7 +67,7 @@ std::string kernelIntfName(std::string_view name) {
         }
     }
     appendKernelForm(kernel, rest);
-    if (!Kestrune::isKernelDeviceName(kernel)) {
+    if (Kestrune::restoreGuards().kernelNames && !Kestrune::isKernelDeviceName(kernel)) {
         return {};
     }
     return kernel;

@@ -3,6 +3,7 @@
 #include "log/Log.h"
 #include "util/Assert.h"
 #include "util/Netlink.h"
+#include "util/RestoreGuards.h"
 #include "util/Trace.h"
 
 #include <cerrno>
@@ -54,13 +55,14 @@ class Descriptor {
 int openNamespace(const char* operation, std::string_view name) {
     const std::string path = namespacePath(name);
     if (path.empty()) {
-        TRACE(0) << operation << " " << name << " is not a namespace name";
+        TRACE_EXTRA(0) << operation << " " << name << " is not a namespace name";
         return -1;
     }
     // A link planted there could lead the restore into any namespace, the host's included.
     const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) {
-        TRACE(0) << operation << " cannot open namespace " << path << ": " << std::strerror(errno);
+        TRACE_EXTRA(0) << operation << " cannot open namespace " << path << ": "
+                       << std::strerror(errno);
     }
     return fd;
 }
@@ -79,8 +81,10 @@ bool isPlantedLink(const char* operation, const std::string& path) {
         return false;
     }
     const std::string text = std::string(operation) + " " + path + " is a link; not followed";
-    TRACE(0) << text;
-    Log::logEvent("Namespace", text);
+    TRACE_EXTRA(0) << text;
+    if (restoreGuards().extraReports) {
+        Log::logEvent("Namespace", text);
+    }
     return true;
 }
 
@@ -101,7 +105,7 @@ bool namespaceDirReady(const char* operation) {
         const int made = mkdir(dir.c_str(), 0755);
         umask(mask);
         if (made != 0 && errno != EEXIST) {
-            TRACE(0) << operation << " cannot make " << dir << ": " << std::strerror(errno);
+            TRACE_EXTRA(0) << operation << " cannot make " << dir << ": " << std::strerror(errno);
             return false;
         }
         if (isPlantedLink(operation, dir)) {
@@ -117,7 +121,7 @@ bool namespaceDirReady(const char* operation) {
         mount("", dir.c_str(), "none", MS_SHARED | MS_REC, nullptr) == 0) {
         return true;
     }
-    TRACE(0) << operation << " cannot share " << dir << ": " << std::strerror(errno);
+    TRACE_EXTRA(0) << operation << " cannot share " << dir << ": " << std::strerror(errno);
     return false;
 }
 
@@ -129,13 +133,13 @@ bool bindThreadNamespace(const char* operation, const std::string& path) {
     }
     const int file = open(path.c_str(), O_RDONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0);
     if (file < 0) {
-        TRACE(0) << operation << " cannot create " << path << ": " << std::strerror(errno);
+        TRACE_EXTRA(0) << operation << " cannot create " << path << ": " << std::strerror(errno);
         return false;
     }
     const std::string opened = "/proc/self/fd/" + std::to_string(file);
     const bool mounted = mount(threadNamespace, opened.c_str(), "none", MS_BIND, nullptr) == 0;
     if (!mounted) {
-        TRACE(0) << operation << " cannot mount " << path << ": " << std::strerror(errno);
+        TRACE_EXTRA(0) << operation << " cannot mount " << path << ": " << std::strerror(errno);
         unlink(path.c_str());
     }
     ::close(file);
@@ -171,7 +175,8 @@ int NamespaceWalk::enter(std::string_view name) {
     }
     inCurrent_ = setns(fd, CLONE_NEWNET) == 0;
     if (!inCurrent_) {
-        TRACE(0) << files_.operation() << " cannot enter " << name << ": " << std::strerror(errno);
+        TRACE_EXTRA(0) << files_.operation() << " cannot enter " << name << ": "
+                       << std::strerror(errno);
         return -1;
     }
     current_ = name;
@@ -194,7 +199,7 @@ NamespaceVisit::NamespaceVisit(const char* operation, std::string_view name, int
 void NamespaceVisit::enter(const char* operation, std::string_view name, int namespaceFd) {
     original_ = open(threadNamespace, O_RDONLY | O_CLOEXEC);
     if (original_ < 0 || setns(namespaceFd, CLONE_NEWNET) != 0) {
-        TRACE(0) << operation << " cannot enter " << name << ": " << std::strerror(errno);
+        TRACE_EXTRA(0) << operation << " cannot enter " << name << ": " << std::strerror(errno);
         return;
     }
     entered_ = true;
@@ -222,7 +227,7 @@ int openSocketInNs(int domain, int type, int protocol, std::string_view name) {
     // Commands the restore runs later must not inherit the namespaces' sockets.
     const int fd = socket(domain, type | SOCK_CLOEXEC, protocol);
     if (fd < 0) {
-        TRACE(0) << "openSocketInNs socket in " << name << ": " << std::strerror(errno);
+        TRACE_EXTRA(0) << "openSocketInNs socket in " << name << ": " << std::strerror(errno);
     }
     return fd;
 }
@@ -233,7 +238,7 @@ int switchToNs(std::string_view name) {
         return -1;
     }
     if (setns(target.get(), CLONE_NEWNET) != 0) {
-        TRACE(0) << "switchToNs cannot enter " << name << ": " << std::strerror(errno);
+        TRACE_EXTRA(0) << "switchToNs cannot enter " << name << ": " << std::strerror(errno);
         return -1;
     }
     return 0;
@@ -258,7 +263,7 @@ int mountDefaultNs() {
 int addNsEvenIfPresent(std::string_view name) {
     const std::string path = Kestrune::namespacePath(name);
     if (path.empty()) {
-        TRACE(0) << "addNsEvenIfPresent " << name << " is not a namespace name";
+        TRACE_EXTRA(0) << "addNsEvenIfPresent " << name << " is not a namespace name";
         return -1;
     }
     if (!Kestrune::namespaceDirReady("addNsEvenIfPresent")) {
@@ -272,7 +277,8 @@ int addNsEvenIfPresent(std::string_view name) {
     }
     const Descriptor original(open(Kestrune::threadNamespace, O_RDONLY | O_CLOEXEC));
     if (original.get() < 0 || unshare(CLONE_NEWNET) != 0) {
-        TRACE(0) << "addNsEvenIfPresent cannot create " << name << ": " << std::strerror(errno);
+        TRACE_EXTRA(0) << "addNsEvenIfPresent cannot create " << name << ": "
+                       << std::strerror(errno);
         return -1;
     }
     const bool bound = Kestrune::bindThreadNamespace("addNsEvenIfPresent", path);
@@ -293,8 +299,8 @@ int moveIntfToNs(std::string_view kernelName, std::string_view fromNs, std::stri
     const int result =
         Kestrune::Netlink::linkNamespaceIs(netlink.get(), kernelName, destination.get());
     if (result < 0) {
-        TRACE(0) << "moveIntfToNs " << kernelName << " from " << fromNs << " to " << toNs << ": "
-                 << std::strerror(-result);
+        TRACE_EXTRA(0) << "moveIntfToNs " << kernelName << " from " << fromNs << " to " << toNs
+                       << ": " << std::strerror(-result);
         return -1;
     }
     return 0;

@@ -2,6 +2,7 @@
 
 #include "util/Namespace.h"
 #include "util/Netlink.h"
+#include "util/RestoreGuards.h"
 #include "util/Trace.h"
 
 #include <cerrno>
@@ -14,7 +15,7 @@
 namespace {
 
 int failed(const char* operation, std::string_view name, const char* what, int result) {
-    TRACE(0) << operation << " " << name << ": " << what << ": " << std::strerror(-result);
+    TRACE_EXTRA(0) << operation << " " << name << ": " << what << ": " << std::strerror(-result);
     return result;
 }
 
@@ -22,8 +23,8 @@ int failed(const char* operation, std::string_view name, const char* what, int r
 
 int makeVlanDevice(std::string_view parent, std::string_view name, int vlanId, int netlinkFd,
                    std::string_view nsName) {
-    TRACE(9) << "makeVlanDevice"
-             << " " << name << " id " << vlanId << " on " << parent << " in " << nsName;
+    TRACE_EXTRA(9) << "makeVlanDevice"
+                   << " " << name << " id " << vlanId << " on " << parent << " in " << nsName;
     int fd = netlinkFd;
     if (fd < 0) {
         fd = openSocketInNs(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE, nsName);

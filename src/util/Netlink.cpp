@@ -1,5 +1,6 @@
 #include "util/Netlink.h"
 
+#include "util/RestoreGuards.h"
 #include "util/Trace.h"
 
 #include <array>
@@ -206,7 +207,7 @@ namespace {
 
 int traced(const char* operation, int result) {
     if (result < 0) {
-        TRACE(0) << operation << " failed: " << std::strerror(-result);
+        TRACE_EXTRA(0) << operation << " failed: " << std::strerror(-result);
         return 0;
     }
     return 1;

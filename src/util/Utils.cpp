@@ -3,6 +3,7 @@
 #include "util/Assert.h"
 #include "util/Format.h"
 #include "util/Netlink.h"
+#include "util/RestoreGuards.h"
 #include "util/Trace.h"
 
 #include <arpa/inet.h>
@@ -184,7 +185,7 @@ unsigned addressToAdd(int netlinkFd, const char* operation, int family,
     }
     if (const std::string problem = addressProblem(address, family, parsed, prefixLength);
         !problem.empty()) {
-        TRACE(0) << operation << " " << deviceName << " " << problem;
+        TRACE_EXTRA(0) << operation << " " << deviceName << " " << problem;
         return 0;
     }
     return index;

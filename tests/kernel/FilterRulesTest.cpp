@@ -1,8 +1,8 @@
-#include "FilterRules.h"
+#include "state/FilterRules.h"
 
-#include "Drift.h"
 #include "PrivateNetwork.h"
 #include "Scenario.h"
+#include "state/Drift.h"
 #include "util/Json.h"
 #include "util/RestoreLock.h"
 
@@ -13,14 +13,12 @@ namespace Kestrune::Testing {
 namespace {
 
 using FilterRules = PrivateNetwork;
-using Cli::ipv4Rules;
-using Cli::ipv6Rules;
 
 // A store spells its rules as its agent wrote them; the kernel holds them as the save tool
 // prints them. Loaded in a scratch namespace, the two spellings compare, and loading them
 // there leaves the namespace the restore used alone.
 TEST_F(FilterRules, StoredRulesAreComparedAsTheKernelHoldsThem) {
-    const std::vector<std::tuple<Cli::RuleFamily, std::string, std::string>> cases{
+    const std::vector<std::tuple<RuleFamily, std::string, std::string>> cases{
         {ipv4Rules, "*filter\n:INPUT ACCEPT [0:0]\n-A INPUT -p tcp --dport 22 -j ACCEPT\nCOMMIT\n",
          "-A INPUT -p tcp -m tcp --dport 22 -j ACCEPT"},
         {ipv6Rules,
@@ -31,33 +29,32 @@ TEST_F(FilterRules, StoredRulesAreComparedAsTheKernelHoldsThem) {
     const TempDir dir;
     for (const auto& [family, stored, saved] : cases) {
         SCOPED_TRACE(family.name);
-        const Cli::LoadedRules loaded = Cli::rulesAsLoaded(family, stored);
-        ASSERT_EQ(loaded.outcome, Cli::LoadedRules::Outcome::loaded) << loaded.problem;
-        const auto tables = Cli::ruleTablesOf(loaded.saved);
+        const LoadedRules loaded = rulesAsLoaded(family, stored);
+        ASSERT_EQ(loaded.outcome, LoadedRules::Outcome::loaded) << loaded.problem;
+        const auto tables = ruleTablesOf(loaded.saved);
         EXPECT_EQ(tables.at("filter").rules, std::vector<std::string>{saved});
 
         std::string problem;
-        const auto before = Cli::rulesInForce(family, problem);
+        const auto before = rulesInForce(family, problem);
         ASSERT_TRUE(before) << problem;
-        EXPECT_EQ(Cli::ruleTablesOf(*before)["filter"].rules.size(), 0U);
-        EXPECT_EQ(Cli::ruleDrift(family, tables, Cli::ruleTablesOf(*before)).size(), 1U);
+        EXPECT_EQ(ruleTablesOf(*before)["filter"].rules.size(), 0U);
+        EXPECT_EQ(ruleDrift(family, tables, ruleTablesOf(*before)).size(), 1U);
 
         int status = 0;
         const std::string input = dir.file(std::string(family.name) + ".rules");
         dir.write(std::string(family.name) + ".rules", stored);
         shellOutput(std::string(family.restore) + " -n < " + input, &status);
         ASSERT_EQ(status, 0);
-        const auto after = Cli::rulesInForce(family, problem);
+        const auto after = rulesInForce(family, problem);
         ASSERT_TRUE(after) << problem;
-        EXPECT_TRUE(Cli::ruleDrift(family, tables, Cli::ruleTablesOf(*after)).empty());
+        EXPECT_TRUE(ruleDrift(family, tables, ruleTablesOf(*after)).empty());
     }
 }
 
 // Rules the filter refuses could not have been restored; the reason is the tool's own.
 TEST_F(FilterRules, RulesTheFilterRefusesSayWhy) {
-    const Cli::LoadedRules loaded =
-        Cli::rulesAsLoaded(ipv4Rules, "*filter\n-A NOWHERE -j ACCEPT\nCOMMIT\n");
-    EXPECT_EQ(loaded.outcome, Cli::LoadedRules::Outcome::rejected);
+    const LoadedRules loaded = rulesAsLoaded(ipv4Rules, "*filter\n-A NOWHERE -j ACCEPT\nCOMMIT\n");
+    EXPECT_EQ(loaded.outcome, LoadedRules::Outcome::rejected);
     EXPECT_EQ(loaded.problem.rfind("iptables-restore: ", 0), 0U) << loaded.problem;
 }
 

@@ -2,12 +2,12 @@
 // restore does; and a second restore never runs beside the first.
 #include "ChipSimulator.h"
 #include "CliRun.h"
-#include "KernelState.h"
 #include "PrivateNetwork.h"
 #include "Scenario.h"
 #include "driver/DriverCreator.h"
 #include "parser/ConfigParserCreator.h"
 #include "platform/ChipDevice.h"
+#include "state/KernelState.h"
 #include "util/Namespace.h"
 #include "util/RestoreLock.h"
 
@@ -64,7 +64,7 @@ void restoreInFreshMachine(const std::string& store, int stoppedAfter, bool resu
             driver.reset();
             driver = restore(store, allPhases, true);
         }
-        std::ofstream(stateFile) << Cli::kernelStateJson(Cli::kernelState()) << "\n"
+        std::ofstream(stateFile) << kernelStateJson(settledState()) << "\n"
                                  << outputOf({"iptables-save"}) << outputOf({"ip6tables-save"});
     });
 }

@@ -1,6 +1,7 @@
 #include "ProductionSwitch.h"
 
-#include "KernelState.h"
+#include "log/HistoryStore.h"
+#include "state/KernelState.h"
 
 #include <algorithm>
 #include <chrono>
@@ -69,7 +70,8 @@ void ProductionSwitch::SetUp() {
     ASSERT_EQ(mount("kestrune-modprobe", "/etc/modprobe.d", "tmpfs", 0, "mode=0755"), 0);
     run({"ip", "link", "set", "lo", "up"});
     unsetenv("SIMULATION_VMID");
-    setenv("KESTRUNE_CHIP_LOG", file("chip.log").c_str(), 1);
+    chipLogPath_ = file("chip.log");
+    setenv("KESTRUNE_CHIP_LOG", chipLogPath_.c_str(), 1);
     setenv("KESTRUNE_CHIP_REGISTERS", file("registers").c_str(), 1);
     std::ofstream(file("chip.log")).close();
 }
@@ -111,7 +113,7 @@ void ProductionSwitch::moduleCommandIs(const std::string& module, const std::str
 void ProductionSwitch::moduleIs(const std::string& family, const std::string& refused) {
     const std::string module = moduleOf(family);
     std::string command = std::string(KESTRUNE_CHIP_DAEMON) + " --family " + family + " --module " +
-                          module + " --chip-log " + file("chip.log") + " --pid-file " +
+                          module + " --chip-log " + chipLogPath_ + " --pid-file " +
                           file("daemon.pid");
     if (!refused.empty()) {
         command += " --refuse " + refused;
@@ -156,12 +158,9 @@ CliResult ProductionSwitch::restore(const std::vector<std::string>& extra) {
 }
 
 std::string ProductionSwitch::kernelText() {
-    // The kernel settles a device's operational state up to a second after its carrier
-    // changes (the TAP devices of the VRFs lose theirs when the restore's process ends).
-    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
-    const std::vector<Cli::NamespaceState> state = Cli::kernelState();
-    std::string text = Cli::kernelStateTable(state);
-    for (const Cli::NamespaceState& ns : state) {
+    const std::vector<NamespaceState> state = settledState();
+    std::string text = kernelStateTable(state);
+    for (const NamespaceState& ns : state) {
         for (const char* tool : {"iptables-save", "ip6tables-save"}) {
             std::vector<std::string> argv{tool};
             if (ns.name != "default") {
@@ -182,6 +181,40 @@ std::string ProductionSwitch::kernelText() {
         }
     }
     return text;
+}
+
+std::string ProductionSwitch::withoutTestFolder(std::string text) const {
+    const std::string folder = dir_->file("");
+    for (std::size_t at = 0; (at = text.find(folder, at)) != std::string::npos;) {
+        text.replace(at, folder.size(), "<test>/");
+    }
+    return text;
+}
+
+std::vector<std::string> ProductionSwitch::eventsOf(const std::string& history) {
+    return messagesOf(HistoryStore::historyOf(history));
+}
+
+std::vector<std::string>
+ProductionSwitch::withoutExtraReports(const std::vector<std::string>& traces) {
+    // The operations whose trace lines only the guard writes: none of them traces otherwise.
+    static const char* const extra[] = {"runCommand ",
+                                        "createIntf ",
+                                        "makeVlanDevice ",
+                                        "HardwareFeatureStatus ",
+                                        "logEvent ",
+                                        "openSocketInNs ",
+                                        "doInit descriptor limit raised "};
+    std::vector<std::string> kept;
+    for (const std::string& line : traces) {
+        const std::size_t blank = line.find(' ');
+        const std::string message = blank == std::string::npos ? "" : line.substr(blank + 1);
+        if (std::none_of(std::begin(extra), std::end(extra),
+                         [&](const char* operation) { return message.rfind(operation, 0) == 0; })) {
+            kept.push_back(line);
+        }
+    }
+    return kept;
 }
 
 std::string ProductionSwitch::expected(const std::string& name, const std::string& actual) {

@@ -36,7 +36,14 @@ class ProductionSwitch : public PrivateNetwork {
     CliResult restore(const std::vector<std::string>& extra = {});
 
     std::string file(const std::string& name) const { return dir_->file(name); }
-    std::vector<std::string> chipLog() const { return linesOf(file("chip.log")); }
+    std::vector<std::string> chipLog() const { return linesOf(chipLogPath_); }
+    // The text with this test's folder written as "<test>", as the expected files have it.
+    std::string withoutTestFolder(std::string text) const;
+    // "<group>: <message>" of each event in a history file, oldest first.
+    static std::vector<std::string> eventsOf(const std::string& history);
+    // The lines of a trace that the restore's sequence has, without those its guards add
+    // (RestoreGuards::extraReports): what a start-up process that sets no guard traces.
+    static std::vector<std::string> withoutExtraReports(const std::vector<std::string>& traces);
     // What the kernel holds after the restore, as text: every namespace's devices (kind, MTU,
     // MAC, state, root qdisc, addresses) and filter rules.
     static std::string kernelText();
@@ -49,6 +56,9 @@ class ProductionSwitch : public PrivateNetwork {
     // Alive and not yet a zombie: the guest's init may be slow to reap a process whose
     // parent, the restore, is gone.
     static bool running(pid_t pid);
+
+    // Where the chip device daemon and the chip's tools write the chip log.
+    std::string chipLogPath_;
 
   private:
     std::unique_ptr<TempDir> dir_;

@@ -196,4 +196,14 @@ std::string stdoutOf(const std::function<void()>& body) {
     return output;
 }
 
+std::vector<NamespaceState> settledState() {
+    std::vector<NamespaceState> state = kernelState();
+    for (NamespaceState& ns : state) {
+        for (DeviceState& device : ns.devices) {
+            device.operState = device.carrier ? "carrier" : "-";
+        }
+    }
+    return state;
+}
+
 } // namespace Kestrune::Testing

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "state/KernelState.h"
+
 #include <gtest/gtest.h>
 #include <optional>
 #include <string>
@@ -55,6 +57,11 @@ std::vector<std::string> linkNames(const std::string& ns = "");
 std::string outputOf(const std::vector<std::string>& argv, int* status = nullptr);
 // Runs an argv that must succeed (for setting up a test).
 void run(const std::vector<std::string>& argv);
+
+// Every namespace's devices as a restore leaves them, without what the kernel settles on its
+// own time: the operational state, which its link watch sets a while after the carrier
+// changes. Carrier, set at once, says whether a device is up with its lower layer.
+std::vector<NamespaceState> settledState();
 
 // What a block of code printed on standard output.
 std::string stdoutOf(const std::function<void()>& body);

@@ -2,6 +2,7 @@
 
 #include "log/HistoryStore.h"
 #include "log/Log.h"
+#include "util/RestoreGuards.h"
 #include "util/Trace.h"
 
 #include <array>
@@ -17,6 +18,15 @@ namespace {
 // No test may touch the host's event history, even one that records an event by accident.
 const bool hostHistoryUntouched = [] {
     Log::historyPathIs("");
+    return true;
+}();
+// The tiers test the library as the command line drives it, with every guard on but the stop
+// on signals, which a test installs itself; a test of the library's defaults sets
+// RestoreGuards{} for its own process.
+const bool guardedLibrary = [] {
+    RestoreGuards guards = RestoreGuards::all();
+    guards.stopGraceSeconds = 0;
+    restoreGuardsIs(guards);
     return true;
 }();
 } // namespace

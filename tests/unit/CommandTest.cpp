@@ -2,12 +2,17 @@
 
 #include "PrivateNetwork.h"
 #include "Scenario.h"
+#include "log/Log.h"
+#include "util/KernelName.h"
+#include "util/RestoreGuards.h"
 #include "util/Trace.h"
 #include "util/Utils.h"
 
 #include <chrono>
+#include <csignal>
 #include <fcntl.h>
 #include <filesystem>
+#include <functional>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -144,6 +149,91 @@ TEST(CommandLine, ShellTextInAnyCommandRunsNothingButTheNamedProgram) {
         EXPECT_FALSE(std::filesystem::exists(marker)) << text;
     }
 }
+
+} // namespace
+} // namespace Kestrune::Testing
+
+namespace Kestrune::Testing {
+namespace {
+
+// What a start-up process that set no guard gets, and what the command line's guards change.
+// Each runs in a process of its own: the guards and the environment are process-wide.
+struct DefaultCase {
+    const char* name;
+    bool guarded;
+    std::function<void()> body;
+};
+
+std::ostream& operator<<(std::ostream& out, const DefaultCase& c) {
+    return out << c.name;
+}
+
+class Defaults : public ::testing::TestWithParam<DefaultCase> {};
+
+TEST_P(Defaults, AsTheSequenceSaysUnlessAGuardIsOn) {
+    const DefaultCase& c = GetParam();
+    TempDir dir;
+    const Outcome outcome = runProcess(dir, [&] {
+        RestoreGuards guards = c.guarded ? RestoreGuards::all() : RestoreGuards{};
+        guards.stopGraceSeconds = 0;
+        restoreGuardsIs(guards);
+        c.body();
+    });
+    EXPECT_TRUE(outcome.exited) << "ended by signal " << outcome.signal;
+    EXPECT_EQ(outcome.exitCode, 0) << "a check in the child failed";
+}
+
+// In the child, EXPECT is not seen by the parent: a failed check exits 1.
+void require(bool condition) {
+    if (!condition) {
+        std::_Exit(1);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Library, Defaults,
+    ::testing::Values(
+        // The shell's default search path has the sbin folders, where the filter tools live.
+        DefaultCase{"NoPathFindsWhatTheShellFinds", false,
+                    [] {
+                        unsetenv("PATH");
+                        require(::runCommand("iptables-restore --version", -1, -2, -2) == 0);
+                        setenv("PATH", "", 1);
+                        require(::runCommand("iptables-restore --version", -1, -2, -2) == 0);
+                    }},
+        DefaultCase{"NoDeadline", false,
+                    [] {
+                        int events = 0;
+                        Log::observerIs([&](const std::string&, const std::string&) { ++events; });
+                        require(::runCommand("sh -c 'sleep 1; exit 3'") == 3);
+                        require(events == 0);
+                    }},
+        DefaultCase{"TheGuardsDeadlineKillsAndRecords", true,
+                    [] {
+                        RestoreGuards guards = restoreGuards();
+                        guards.commandDeadlineMs = 200;
+                        restoreGuardsIs(guards);
+                        int events = 0;
+                        Log::observerIs([&](const std::string&, const std::string&) { ++events; });
+                        require(::runCommand("sh -c 'sleep 5; exit 3'") == -1);
+                        require(events == 1);
+                    }},
+        // pclose gives -1 when the caller's children are reaped for it.
+        DefaultCase{"IgnoredChildrenCannotBeWaitedFor", false,
+                    [] {
+                        signal(SIGCHLD, SIG_IGN);
+                        CommandInput input("cat");
+                        require(input.started());
+                        require(input.write("rules\n") == 6);
+                        require(input.close() == -1);
+                        require(::runCommand("true") == -1);
+                    }},
+        DefaultCase{
+            "KernelNamesAsThePlatformRuleGivesThem", false,
+            [] { require(kernelIntfName("Ethernet1/2/3/4/5/6/7/8") == "et1_2_3_4_5_6_7_8"); }},
+        DefaultCase{"TheKernelNameGuardRefusesWhatCouldNotBeADevice", true,
+                    [] { require(kernelIntfName("Ethernet1/2/3/4/5/6/7/8").empty()); }}),
+    [](const ::testing::TestParamInfo<DefaultCase>& info) { return info.param.name; });
 
 } // namespace
 } // namespace Kestrune::Testing

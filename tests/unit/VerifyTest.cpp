@@ -1,14 +1,14 @@
-#include "Drift.h"
-#include "ExpectedState.h"
-#include "FilterRules.h"
 #include "parser/ConfigParserCreator.h"
+#include "state/Drift.h"
+#include "state/ExpectedState.h"
+#include "state/FilterRules.h"
 #include "util/Trace.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
-namespace Kestrune::Cli {
+namespace Kestrune {
 namespace {
 
 ExpectedState expectedOf(const std::string& example, bool simulated = false) {
@@ -329,4 +329,4 @@ TEST(DriftTable, LinesUpItsColumns) {
 }
 
 } // namespace
-} // namespace Kestrune::Cli
+} // namespace Kestrune

@@ -1,10 +1,10 @@
 #include "RestoreCommand.h"
 
 #include "CommonOptions.h"
-#include "QueueHolder.h"
 #include "RestoreRun.h"
 #include "log/Log.h"
 #include "parser/ConfigParserCreator.h"
+#include "state/QueueHolder.h"
 #include "util/RestoreLock.h"
 #include "util/Stop.h"
 #include "util/Trace.h"
@@ -53,18 +53,12 @@ void addRestoreCommand(CLI::App& app, int& status) {
         options->pstoreDir.apply();
         // The devices a previous restore made are taken over, which its holder would refuse.
         std::string problem;
-        if (!doEndQueueHolder(problem)) {
+        if (!QueueHolder::doEndPrevious(problem)) {
             std::cerr << "kestrune restore: " << problem << "\n";
             Log::logEvent("QueueHolder", problem);
         }
         RestoreChoices choices{options->resume, options->guard.filterRulesFirst(), {}};
-        choices.finished = [](const Driver& driver) {
-            std::string failure;
-            if (!doHoldQueues(vrfQueuesOf(driver), failure)) {
-                TRACE(0) << "QueueHolder " << failure;
-                Log::logEvent("QueueHolder", failure);
-            }
-        };
+        choices.finished = [](const Driver& driver) { QueueHolder::doHandOff(driver); };
         const RestoreReport report =
             runRestore([] { return configParserCreatorFactory()->create(); }, {}, choices);
         const bool reported =

@@ -6,6 +6,7 @@
 #include "util/Command.h"
 #include "util/Json.h"
 #include "util/KernelName.h"
+#include "util/RestoreGuards.h"
 #include "util/Stop.h"
 #include "util/Text.h"
 #include "util/Trace.h"
@@ -97,11 +98,11 @@ void RestoreGuardOptions::addTo(CLI::App& command) {
 }
 
 void RestoreGuardOptions::apply() const {
-    commandDeadlineMsIs(commandDeadlineSeconds > 0 ? static_cast<int>(commandDeadlineSeconds * 1000)
-                                                   : commandNoTimeout);
-    // Long enough for the restore to reach its next stop point and store its events.
-    constexpr unsigned stopGraceSeconds = 5;
-    ProcessGuard::doStopOnSignals(stopGraceSeconds);
+    RestoreGuards guards = RestoreGuards::all();
+    guards.commandDeadlineMs = commandDeadlineSeconds > 0
+                                   ? static_cast<int>(commandDeadlineSeconds * 1000)
+                                   : commandNoTimeout;
+    restoreGuardsIs(guards);
 }
 
 bool reportWritten(const std::string& path, const std::string& json) {

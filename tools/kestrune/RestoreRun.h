@@ -55,7 +55,8 @@ struct RestoreGuardOptions {
     std::string filterRules = "first";
     bool filterRulesFirst() const { return filterRules == "first"; }
     void addTo(CLI::App& command);
-    // Sets the command deadline and stops the restore cleanly on SIGTERM and SIGINT.
+    // Turns on every guard of the library with this command deadline: the restore stops
+    // cleanly on SIGTERM and SIGINT.
     void apply() const;
 };
 

@@ -2,12 +2,13 @@
 
 #include "ChipSimulator.h"
 #include "CommonOptions.h"
-#include "KernelState.h"
-#include "QueueHolder.h"
 #include "RestoreRun.h"
 #include "VerifyCommand.h"
 #include "parser/ConfigParserCreator.h"
 #include "platform/ChipDevice.h"
+#include "state/KernelState.h"
+#include "state/QueueHolder.h"
+#include "state/Verification.h"
 #include "util/Namespace.h"
 #include "util/Trace.h"
 
@@ -71,7 +72,7 @@ bool sandboxed() {
 // and the restore's queues close with its driver: the simulation keeps copies of them for
 // its life, and its keeper's.
 void keepQueues(const Driver& driver, std::vector<int>& queues) {
-    for (const int queue : vrfQueuesOf(driver)) {
+    for (const int queue : QueueHolder::vrfQueuesOf(driver)) {
         queues.push_back(fcntl(queue, F_DUPFD_CLOEXEC, 0));
     }
 }

@@ -1,12 +1,12 @@
 #include "CheckCommand.h"
 #include "CommonOptions.h"
 #include "EventsCommand.h"
-#include "QueueHolder.h"
 #include "RestoreCommand.h"
 #include "ShowCommand.h"
 #include "SimulateCommand.h"
 #include "VerifyCommand.h"
 #include "log/ProcessGuard.h"
+#include "util/RestoreGuards.h"
 
 #include <CLI/CLI.hpp>
 #include <iostream>
@@ -18,6 +18,11 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
 
     Kestrune::ProcessGuard::doRecordUncaughtExceptions();
+    // Every guard of the library, for every subcommand; those that run a restore also stop on
+    // signals and take their deadline from the command line (RestoreGuardOptions).
+    Kestrune::RestoreGuards guards = Kestrune::RestoreGuards::all();
+    guards.stopGraceSeconds = 0;
+    Kestrune::restoreGuardsIs(guards);
     int status = 0;
     Kestrune::Cli::addRestoreCommand(app, status);
     Kestrune::Cli::addSimulateCommand(app, status);
@@ -25,7 +30,6 @@ int main(int argc, char** argv) {
     Kestrune::Cli::addShowCommand(app, status);
     Kestrune::Cli::addVerifyCommand(app, status);
     Kestrune::Cli::addEventsCommand(app, status);
-    Kestrune::Cli::addHoldCommand(app, status);
 
     try {
         app.parse(argc, argv);

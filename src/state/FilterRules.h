@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-namespace Kestrune::Cli {
+namespace Kestrune {
 
 // The tools of one address family's packet filter.
 struct RuleFamily {
@@ -46,4 +46,4 @@ struct LoadedRules {
 // ("-p tcp --dport 22" is saved as "-p tcp -m tcp --dport 22").
 LoadedRules rulesAsLoaded(const RuleFamily& family, const std::string& text);
 
-} // namespace Kestrune::Cli
+} // namespace Kestrune

@@ -1,8 +1,9 @@
-#include "FilterRules.h"
+#include "state/FilterRules.h"
 
-#include "KernelState.h"
+#include "state/KernelState.h"
 #include "util/Command.h"
 #include "util/Namespace.h"
+#include "util/RestoreGuards.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -14,7 +15,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace Kestrune::Cli {
+namespace Kestrune {
 
 namespace {
 
@@ -23,7 +24,7 @@ constexpr int toolTimeoutMs = 10000;
 // A filter tool's bound: never past the process's command deadline (a rehearsal's may be
 // short), nor long when that is lifted.
 int toolTimeout() {
-    const int deadline = commandDeadlineMs();
+    const int deadline = restoreGuards().commandDeadlineMs;
     return deadline > 0 ? std::min(deadline, toolTimeoutMs) : toolTimeoutMs;
 }
 
@@ -183,4 +184,4 @@ LoadedRules rulesAsLoaded(const RuleFamily& family, const std::string& text) {
     return result;
 }
 
-} // namespace Kestrune::Cli
+} // namespace Kestrune

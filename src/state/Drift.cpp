@@ -1,4 +1,4 @@
-#include "Drift.h"
+#include "state/Drift.h"
 
 #include "util/Namespace.h"
 
@@ -7,7 +7,7 @@
 #include <sstream>
 #include <string_view>
 
-namespace Kestrune::Cli {
+namespace Kestrune {
 
 namespace {
 
@@ -220,4 +220,4 @@ std::string driftTable(const std::vector<Drift>& drift) {
     return out.str();
 }
 
-} // namespace Kestrune::Cli
+} // namespace Kestrune

@@ -1,4 +1,4 @@
-#include "ExpectedState.h"
+#include "state/ExpectedState.h"
 
 #include "model/IptablesConfig.h"
 #include "model/SubInterface.h"
@@ -12,7 +12,7 @@
 #include <netinet/ether.h>
 #include <set>
 
-namespace Kestrune::Cli {
+namespace Kestrune {
 
 namespace {
 
@@ -193,4 +193,4 @@ ExpectedState expectedState(const Config& config, bool simulatedSwitch) {
     return Expectation(config, simulatedSwitch).state();
 }
 
-} // namespace Kestrune::Cli
+} // namespace Kestrune

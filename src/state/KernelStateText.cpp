@@ -1,10 +1,10 @@
-#include "KernelState.h"
+#include "state/KernelState.h"
 #include "util/Json.h"
 
 #include <cstdio>
 #include <sstream>
 
-namespace Kestrune::Cli {
+namespace Kestrune {
 
 std::string kernelStateJson(const std::vector<NamespaceState>& state) {
     rapidjson::StringBuffer buffer;
@@ -82,4 +82,4 @@ std::string kernelStateTable(const std::vector<NamespaceState>& state) {
     return out.str();
 }
 
-} // namespace Kestrune::Cli
+} // namespace Kestrune

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-namespace Kestrune::Cli {
+namespace Kestrune {
 
 // The network devices of every namespace as the kernel reports them, for `simulate` to show
 // what a restore left behind.
@@ -47,4 +47,4 @@ bool defaultNamespaceNamed();
 std::string kernelStateJson(const std::vector<NamespaceState>& state);
 std::string kernelStateTable(const std::vector<NamespaceState>& state);
 
-} // namespace Kestrune::Cli
+} // namespace Kestrune

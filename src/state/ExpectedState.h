@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace Kestrune::Cli {
+namespace Kestrune {
 
 // One kernel device that a whole restore of a store leaves behind, with what the store fixes
 // about it. What the chip's own driver decides (a port's MTU, its queueing discipline but for
@@ -42,4 +42,4 @@ ExpectedState expectedState(const Config& config, bool simulatedSwitch);
 // or "" when it is not one of the family (AF_INET, AF_INET6).
 std::string canonicalAddress(const std::string& address, int family);
 
-} // namespace Kestrune::Cli
+} // namespace Kestrune

@@ -1,14 +1,14 @@
 #pragma once
 
-#include "ExpectedState.h"
-#include "FilterRules.h"
-#include "KernelState.h"
+#include "state/ExpectedState.h"
+#include "state/FilterRules.h"
+#include "state/KernelState.h"
 
 #include <map>
 #include <string>
 #include <vector>
 
-namespace Kestrune::Cli {
+namespace Kestrune {
 
 // One way in which the kernel differs from what the store says the restore makes.
 struct Drift {
@@ -36,4 +36,4 @@ std::vector<Drift> ruleDrift(const RuleFamily& family,
 
 std::string driftTable(const std::vector<Drift>& drift);
 
-} // namespace Kestrune::Cli
+} // namespace Kestrune

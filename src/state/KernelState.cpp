@@ -1,4 +1,4 @@
-#include "KernelState.h"
+#include "state/KernelState.h"
 
 #include "util/Namespace.h"
 
@@ -20,7 +20,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-namespace Kestrune::Cli {
+namespace Kestrune {
 namespace {
 
 const char* operStateText(unsigned state) {
@@ -340,4 +340,4 @@ std::vector<NamespaceState> kernelState() {
     return state;
 }
 
-} // namespace Kestrune::Cli
+} // namespace Kestrune

@@ -1,4 +1,7 @@
-#include "QueueHolder.h"
+#include "state/QueueHolder.h"
+
+#include "log/Log.h"
+#include "util/Trace.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -6,35 +9,48 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
-#include <linux/close_range.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-namespace Kestrune::Cli {
+namespace Kestrune {
 namespace {
 
-constexpr const char* holderCommand = "hold";
+// The holder's process name, as /proc/<pid>/comm shows it (at most 15 bytes).
+constexpr const char* holderName = "kestrune-hold";
 
 std::string reason(const std::string& what) {
     return what + ": " + std::strerror(errno);
 }
 
+std::string firstLine(const std::string& path, char separator = '\n') {
+    std::ifstream file(path);
+    std::string line;
+    std::getline(file, line, separator);
+    return line;
+}
+
 // The pid the file names when it is a holder of ours, else 0: a pid file can outlive its
-// process, and the pid be someone else's by now.
+// process, and the pid be someone else's by now. A holder an earlier version started was
+// `kestrune hold`.
 pid_t runningHolder() {
-    std::ifstream file(holderPidFile);
+    std::ifstream file(QueueHolder::pidFile);
     pid_t pid = 0;
     if (!(file >> pid) || pid <= 0) {
         return 0;
     }
-    std::ifstream commandLine("/proc/" + std::to_string(pid) + "/cmdline");
+    const std::string proc = "/proc/" + std::to_string(pid);
+    if (firstLine(proc + "/comm") == holderName) {
+        return pid;
+    }
+    std::ifstream commandLine(proc + "/cmdline");
     std::string argv0;
     std::string argv1;
     std::getline(commandLine, argv0, '\0');
     std::getline(commandLine, argv1, '\0');
-    return argv1 == holderCommand && argv0.find("kestrune") != std::string::npos ? pid : 0;
+    return argv1 == "hold" && argv0.find("kestrune") != std::string::npos ? pid : 0;
 }
 
 // Waits up to `ms` for the process to be gone.
@@ -49,16 +65,18 @@ bool gone(pid_t pid, int ms) {
     return done;
 }
 
-// In the new process: only the queues stay open, and they survive the exec.
-[[noreturn]] void becomeHolder(std::vector<int> queues, const std::string& self) {
+// In the new process, a copy of the caller that never returns to it: only the queues stay
+// open, no handler of the caller's runs, and it waits until told to end. No exec: the library
+// cannot count on any program of its own being installed beside the caller.
+[[noreturn]] void becomeHolder(std::vector<int> queues) {
     setsid();
+    prctl(PR_SET_NAME, holderName);
     std::sort(queues.begin(), queues.end());
     unsigned next = 0;
     for (const int queue : queues) {
         if (static_cast<unsigned>(queue) > next) {
             syscall(SYS_close_range, next, static_cast<unsigned>(queue) - 1, 0U);
         }
-        fcntl(queue, F_SETFD, 0);
         next = static_cast<unsigned>(queue) + 1;
     }
     syscall(SYS_close_range, next, ~0U, 0U);
@@ -66,62 +84,68 @@ bool gone(pid_t pid, int ms) {
     for (int stream = 0; stream < 3 && null >= 0; ++stream) {
         dup2(null, stream);
     }
-    execl(self.c_str(), "kestrune", holderCommand, nullptr);
-    _exit(127);
+    struct sigaction byDefault {};
+    byDefault.sa_handler = SIG_DFL;
+    for (int signal = 1; signal < NSIG; ++signal) {
+        sigaction(signal, &byDefault, nullptr);
+    }
+    signal(SIGHUP, SIG_IGN);
+    sigset_t ending;
+    sigemptyset(&ending);
+    sigaddset(&ending, SIGTERM);
+    sigaddset(&ending, SIGINT);
+    sigprocmask(SIG_SETMASK, &ending, nullptr);
+    int received = 0;
+    sigwait(&ending, &received);
+    _exit(0);
 }
 
 } // namespace
 
-bool doEndQueueHolder(std::string& problem) {
+bool QueueHolder::doEndPrevious(std::string& problem) {
     const pid_t pid = runningHolder();
     if (pid == 0) {
         return true;
     }
     kill(pid, SIGTERM);
     if (gone(pid, 2000)) {
-        unlink(holderPidFile);
+        unlink(pidFile);
         return true;
     }
     kill(pid, SIGKILL);
     if (gone(pid, 2000)) {
-        unlink(holderPidFile);
+        unlink(pidFile);
         return true;
     }
     problem = "the queue holder " + std::to_string(pid) + " of a previous restore did not end";
     return false;
 }
 
-const std::vector<int>& vrfQueuesOf(const Driver& driver) {
+const std::vector<int>& QueueHolder::vrfQueuesOf(const Driver& driver) {
     static const std::vector<int> none;
     return driver.vrfCreate() && driver.vrfCreate()->ioctlUtil()
                ? driver.vrfCreate()->ioctlUtil()->queues()
                : none;
 }
 
-bool doHoldQueues(const std::vector<int>& queues, std::string& problem) {
+bool QueueHolder::doHold(const std::vector<int>& queues, std::string& problem) {
     if (queues.empty()) {
         return true;
     }
-    char self[4096];
-    const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
-    if (length <= 0) {
-        problem = reason("cannot find this program");
-        return false;
-    }
-    self[length] = '\0';
     const mode_t mask = umask(022);
     const bool folder = mkdir("/run/kestrune", 0755) == 0 || errno == EEXIST;
     umask(mask);
     const int file =
-        folder ? open(holderPidFile, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644)
-               : -1;
+        folder ? open(pidFile, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644) : -1;
     if (file < 0) {
-        problem = reason(std::string("cannot write ") + holderPidFile);
+        problem = reason(std::string("cannot write ") + pidFile);
         return false;
     }
+    // What the caller has buffered is written once, by the caller.
+    std::fflush(nullptr);
     const pid_t pid = fork();
     if (pid == 0) {
-        becomeHolder(queues, self);
+        becomeHolder(queues);
     }
     if (pid < 0) {
         problem = reason("cannot start the queue holder");
@@ -132,25 +156,19 @@ bool doHoldQueues(const std::vector<int>& queues, std::string& problem) {
     const bool written = write(file, text.data(), text.size()) == static_cast<ssize_t>(text.size());
     close(file);
     if (!written) {
-        problem = reason(std::string("cannot write ") + holderPidFile);
+        problem = reason(std::string("cannot write ") + pidFile);
     }
     return written;
 }
 
-void addHoldCommand(CLI::App& app, int& status) {
-    CLI::App* command = app.add_subcommand(holderCommand, "");
-    command->group(""); // started by the restore, not by people
-    command->callback([&status] {
-        sigset_t ending;
-        sigemptyset(&ending);
-        sigaddset(&ending, SIGTERM);
-        sigaddset(&ending, SIGINT);
-        sigprocmask(SIG_BLOCK, &ending, nullptr);
-        signal(SIGHUP, SIG_IGN);
-        int received = 0;
-        sigwait(&ending, &received);
-        status = 0;
-    });
+bool QueueHolder::doHandOff(const Driver& driver) {
+    std::string problem;
+    const bool handed = doEndPrevious(problem) && doHold(vrfQueuesOf(driver), problem);
+    if (!handed) {
+        TRACE(0) << "QueueHolder " << problem;
+        Log::logEvent("QueueHolder", problem);
+    }
+    return handed;
 }
 
-} // namespace Kestrune::Cli
+} // namespace Kestrune
