@@ -2,7 +2,7 @@
 // or `schan` by the name it is run under. Each run is a line of the chip log
 // ($KESTRUNE_CHIP_LOG); `schan` keeps the chip's registers in $KESTRUNE_CHIP_REGISTERS. A
 // start-up process may run them with no environment at all: then the log is the one the chip
-// device daemon keeps on a switch, and the registers sit beside it.
+// device daemon keeps on a switch (a chip without its register store answers no read).
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -68,7 +68,7 @@ bool is32(const std::string& reg) {
 }
 
 int schan(const std::vector<std::string>& words) {
-    const std::string path = environment("KESTRUNE_CHIP_REGISTERS", "/run/kestrune/chip-registers");
+    const std::string path = environment("KESTRUNE_CHIP_REGISTERS", "");
     if (words.size() < 5 || path.empty()) {
         std::printf("schan: usage: schan PCI readreg|writereg BLOCK INDEX REG [HIGH] LOW\n");
         return 1;

@@ -1,5 +1,6 @@
 #include "util/Command.h"
 
+#include "CliRun.h"
 #include "PrivateNetwork.h"
 #include "Scenario.h"
 #include "log/Log.h"
@@ -205,7 +206,9 @@ INSTANTIATE_TEST_SUITE_P(
                     [] {
                         int events = 0;
                         Log::observerIs([&](const std::string&, const std::string&) { ++events; });
-                        require(::runCommand("sh -c 'sleep 1; exit 3'") == 3);
+                        const TempDir dir;
+                        writeTool(dir.file("slow"), "sleep 1; exit 3");
+                        require(::runCommand(dir.file("slow")) == 3);
                         require(events == 0);
                     }},
         DefaultCase{"TheGuardsDeadlineKillsAndRecords", true,
@@ -215,7 +218,9 @@ INSTANTIATE_TEST_SUITE_P(
                         restoreGuardsIs(guards);
                         int events = 0;
                         Log::observerIs([&](const std::string&, const std::string&) { ++events; });
-                        require(::runCommand("sh -c 'sleep 5; exit 3'") == -1);
+                        const TempDir dir;
+                        writeTool(dir.file("slow"), "sleep 5; exit 3");
+                        require(::runCommand(dir.file("slow")) == -1);
                         require(events == 1);
                     }},
         // pclose gives -1 when the caller's children are reaped for it.
