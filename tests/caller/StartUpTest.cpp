@@ -21,14 +21,6 @@
 namespace Kestrune::Testing {
 namespace {
 
-std::string joined(const std::vector<std::string>& lines) {
-    std::string text;
-    for (const std::string& line : lines) {
-        text += line + "\n";
-    }
-    return text;
-}
-
 // How the start-up process is run: what its environment holds besides the store's folder,
 // its descriptor limit, and whether it ignores SIGCHLD.
 struct Launch {

@@ -48,6 +48,8 @@ std::vector<std::string> messagesOf(const std::vector<Event>& events);
 std::vector<std::string> linesOf(const std::string& path, char separator = '\n');
 // The first line of a file, or "" when it cannot be read.
 std::string firstLineOf(const std::string& path);
+// The lines, each ended by a newline, as a file holds them.
+std::string joined(const std::vector<std::string>& lines);
 // The whole of a file, or "" when it cannot be read.
 std::string contentOf(const std::string& path);
 std::string shellOutput(const std::string& command, int* status);
