@@ -17,6 +17,11 @@ std::string& configuredHistoryPath() {
     return *path;
 }
 
+std::string& lastEventText() {
+    static auto* text = new std::string();
+    return *text;
+}
+
 double utcNow() {
     using namespace std::chrono;
     return duration<double>(system_clock::now().time_since_epoch()).count();
@@ -135,8 +140,13 @@ void Log::logEvent(const std::string& messageGroup, const std::string& message) 
     logEventAs("", messageGroup, message);
 }
 
+const std::string& Log::lastEvent() {
+    return lastEventText();
+}
+
 void Log::logEventAs(const std::string& origin, const std::string& messageGroup,
                      const std::string& message) {
+    lastEventText() = messageGroup + ": " + message;
     if (const Observer& told = observer()) {
         told(messageGroup, message);
     }

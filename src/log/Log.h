@@ -56,6 +56,8 @@ class Log {
     // journal already.
     static void logEventAs(const std::string& origin, const std::string& messageGroup,
                            const std::string& message);
+    // "<group>: <message>" of the last event this process recorded, "" before any.
+    static const std::string& lastEvent();
     // Creates the single instance now, with its journal, rather than at the first event.
     static void doOpenHistory();
     // Stores the single instance's pending events now, if there is an instance.

@@ -3,17 +3,29 @@
 #include "log/Log.h"
 #include "util/RestoreGuards.h"
 #include "util/Stop.h"
+#include "util/Trace.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <string>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace Kestrune {
 
 namespace {
 AssertionHandler handler = nullptr;
+}
+
+bool stderrIsJournal() {
+    const char* stream = std::getenv("JOURNAL_STREAM");
+    struct stat status {};
+    unsigned long long device = 0;
+    unsigned long long inode = 0;
+    return stream != nullptr && std::sscanf(stream, "%llu:%llu", &device, &inode) == 2 &&
+           fstat(STDERR_FILENO, &status) == 0 && status.st_dev == device && status.st_ino == inode;
 }
 
 void assertionHandlerIs(AssertionHandler newHandler) {
@@ -32,7 +44,15 @@ void assertionFailed(const char* condition, const char* file, int line) {
     if (handler) {
         handler(condition, file, line);
     }
-    std::fprintf(stderr, "Kestrune: assertion failed: %s (%s:%d)\n", condition, file, line);
+    // A line the sink holds back goes out before the process ends.
+    Trace::flush();
+    // Under a service manager the line is the journal's most severe of the restore.
+    std::fprintf(stderr, "%sKestrune: assertion failed: %s (%s:%d)\n",
+                 stderrIsJournal() ? "<2>" : "", condition, file, line);
+    if (restoreGuards().extraReports && !Log::lastEvent().empty()) {
+        std::fprintf(stderr, "%sKestrune: the restore ended after its last failure: %s\n",
+                     stderrIsJournal() ? "<2>" : "", Log::lastEvent().c_str());
+    }
     if (std::strstr(file, "rapidjson/")) {
         // The JSON library's own type checks fail only on a store of the wrong shape.
         std::fprintf(stderr, "Kestrune: the persistent store holds a value of the wrong JSON "

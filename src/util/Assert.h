@@ -15,6 +15,10 @@ class AssertionFailure : public std::logic_error {
     using std::logic_error::logic_error;
 };
 
+// Whether standard error is the journal's stream, as the service manager says it is
+// (JOURNAL_STREAM): its lines may then carry a priority, "<2>" and the like.
+bool stderrIsJournal();
+
 // Replaces the record-and-abort ending, for code that must survive a failed assertion: the
 // store checker and the fuzz targets. The handler must not return; a null handler restores
 // the default.

@@ -15,6 +15,11 @@ Trace::Sink& currentSink() {
     return *sink;
 }
 
+std::function<void()>& currentFlusher() {
+    static auto* flusher = new std::function<void()>();
+    return *flusher;
+}
+
 int levelAt(std::string_view text, std::string_view whole) {
     int level = -1;
     auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), level);
@@ -27,6 +32,16 @@ int levelAt(std::string_view text, std::string_view whole) {
 }
 
 } // namespace
+
+void Trace::flusherIs(std::function<void()> flusher) {
+    currentFlusher() = std::move(flusher);
+}
+
+void Trace::flush() {
+    if (currentFlusher()) {
+        currentFlusher()();
+    }
+}
 
 void Trace::sinkIs(Sink sink) {
     currentSink() = sink ? std::move(sink) : streamSink(stderr);

@@ -28,6 +28,10 @@ class Trace {
     // process that dies still leaves its last lines behind.
     static Sink streamSink(std::FILE* stream);
     static void write(int level, std::string_view message);
+    // A sink that holds a line back (to choose its journal priority once it knows more) gives
+    // it out when flushed: before a process ends on an assertion, and when its caller says.
+    static void flusherIs(std::function<void()> flusher);
+    static void flush();
 
     // "0,3", "0-9", "2-4,9": the levels a caller enables. Throws std::invalid_argument
     // naming the offending piece.

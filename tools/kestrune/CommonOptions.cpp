@@ -1,6 +1,7 @@
 #include "CommonOptions.h"
 
 #include "log/Log.h"
+#include "util/Assert.h"
 #include "util/Trace.h"
 
 #include <cerrno>
@@ -16,24 +17,54 @@ namespace Kestrune::Cli {
 
 namespace {
 
-// Whether standard error is the journal's stream, as the service manager says it is.
-bool stderrIsJournal() {
-    const char* stream = std::getenv("JOURNAL_STREAM");
-    struct stat status {};
-    unsigned long long device = 0;
-    unsigned long long inode = 0;
-    return stream != nullptr && std::sscanf(stream, "%llu:%llu", &device, &inode) == 2 &&
-           fstat(STDERR_FILENO, &status) == 0 && status.st_dev == device && status.st_ino == inode;
-}
+// Trace lines for the journal, each with a priority its reader filters on: a failure of the
+// restore as a warning, findings and progress as information, detail as debugging. Whether a
+// level-0 line is a failure is known once the restore records it as an event, which it does
+// right after tracing it: so the last level-0 line is held until the next line, an event or
+// a flush says what it was.
+class JournalSink {
+  public:
+    void line(std::string_view text) {
+        doFlush();
+        constexpr std::size_t levelAt = std::string_view("Kestrune:").size();
+        const char level = text.size() > levelAt ? text[levelAt] : '0';
+        if (level == '0') {
+            held_ = text;
+            return;
+        }
+        doWrite(level <= '3' ? "<6>" : "<7>", text);
+    }
+    void failure(const std::string& message) {
+        constexpr std::string_view prefix = "Kestrune:0 ";
+        if (held_.size() > prefix.size() &&
+            std::string_view(held_).substr(prefix.size()) == message) {
+            doWrite("<4>", held_);
+            held_.clear();
+            return;
+        }
+        // A failure whose event text is not its trace line still gets its one warning.
+        doFlush();
+        doWrite("<4>", std::string(prefix) + message);
+    }
+    void doFlush() {
+        if (!held_.empty()) {
+            doWrite("<6>", held_);
+            held_.clear();
+        }
+    }
 
-// Trace lines for the journal, each with a priority its reader filters on: the failures'
-// level as notices, progress as information, detail as debugging.
-void journalSink(std::string_view line) {
-    constexpr std::size_t levelAt = std::string_view("Kestrune:").size();
-    const char level = line.size() > levelAt ? line[levelAt] : '0';
-    const char* priority = level == '0' ? "<5>" : level <= '3' ? "<6>" : "<7>";
-    std::fprintf(stderr, "%s%.*s\n", priority, static_cast<int>(line.size()), line.data());
-    std::fflush(stderr);
+  private:
+    static void doWrite(const char* priority, std::string_view text) {
+        std::fprintf(stderr, "%s%.*s\n", priority, static_cast<int>(text.size()), text.data());
+        std::fflush(stderr);
+    }
+
+    std::string held_;
+};
+
+JournalSink*& journal() {
+    static JournalSink* sink = nullptr;
+    return sink;
 }
 
 } // namespace
@@ -70,10 +101,12 @@ void CommonOptions::apply() {
     } catch (const std::invalid_argument& e) {
         throw CLI::ValidationError("--trace", e.what());
     }
-    const bool journal = traceFile_.empty() && stderrIsJournal();
-    if (journal) {
+    if (traceFile_.empty() && stderrIsJournal()) {
         // The journal keeps the line's text as it is and files the prefix as its priority.
-        Trace::sinkIs(journalSink);
+        static JournalSink sink;
+        journal() = &sink;
+        Trace::sinkIs([](std::string_view line) { journal()->line(line); });
+        Trace::flusherIs([] { journal()->doFlush(); });
     } else if (traceOption_->count() == 0 && traceFile_.empty() && isatty(STDERR_FILENO) == 1) {
         Trace::levelsIs(0);
     }
@@ -88,6 +121,16 @@ void CommonOptions::apply() {
         Trace::sinkIs(Trace::streamSink(stream));
     }
     Log::historyPathIs(noHistory_ ? std::string() : history_);
+}
+
+void journalFailureIs(const std::string& message) {
+    if (journal() != nullptr) {
+        journal()->failure(message);
+    }
+}
+
+const char* journalPriority(const char* priority) {
+    return journal() != nullptr ? priority : "";
 }
 
 void PstoreDirOption::addTo(CLI::App& command, const std::string& when) {

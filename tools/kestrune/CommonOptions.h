@@ -41,6 +41,13 @@ class PstoreDirOption {
     std::string dir_;
 };
 
+// Under a service manager, a failure of the restore (its event's text) is the journal's
+// warning: the trace line it was recorded with, or a line of its own. Nothing elsewhere.
+void journalFailureIs(const std::string& message);
+// The priority prefix ("<5>" and the like) for a line of the command's own on standard
+// error or output when those are the journal's, else "".
+const char* journalPriority(const char* priority);
+
 // Exit status of a command line that is not understood.
 constexpr int badUsage = 2;
 

@@ -13,6 +13,7 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <sstream>
 
 namespace Kestrune::Cli {
 
@@ -63,19 +64,29 @@ void addRestoreCommand(CLI::App& app, int& status) {
             runRestore([] { return configParserCreatorFactory()->create(); }, {}, choices);
         const bool reported =
             options->report.empty() || reportWritten(options->report, report.json());
-        std::cout << report.summary();
+        // In the journal the failures' summary is a notice: each failure is a warning already.
+        std::istringstream summary(report.summary());
+        bool failureLines = false;
+        for (std::string line; std::getline(summary, line);) {
+            failureLines = failureLines || line.find(" failure(s):") != std::string::npos;
+            std::cout << journalPriority(failureLines && line.rfind("Stopped", 0) != 0 ? "<5>"
+                                                                                       : "<6>")
+                      << line << "\n";
+        }
         if (!report.started) {
-            std::cerr << "kestrune restore: could not start: no store of a known platform, or "
+            std::cerr << journalPriority("<3>")
+                      << "kestrune restore: could not start: no store of a known platform, or "
                          "no driver for its platform (the trace says which)\n";
         } else if (report.stoppedBy != 0) {
-            std::cerr << "kestrune restore: stopped by " << signalName(report.stoppedBy)
-                      << " before it finished\n";
+            std::cerr << journalPriority("<4>") << "kestrune restore: stopped by "
+                      << signalName(report.stoppedBy) << " before it finished\n";
         } else if (!report.ok()) {
-            std::cerr << "kestrune restore: done with " << report.failures.size()
-                      << " failure(s)\n";
+            std::cerr << journalPriority("<5>") << "kestrune restore: done with "
+                      << report.failures.size() << " failure(s)\n";
         }
         for (const std::string& problem : report.history.problems) {
-            std::cerr << "kestrune restore: event history: " << problem << "\n";
+            std::cerr << journalPriority("<4>") << "kestrune restore: event history: " << problem
+                      << "\n";
         }
         status = reported || !report.ok() ? report.exitStatus() : 1;
     });

@@ -1,5 +1,6 @@
 #include "RestoreRun.h"
 
+#include "CommonOptions.h"
 #include "driver/DriverCreator.h"
 #include "log/Log.h"
 #include "log/ProcessGuard.h"
@@ -46,6 +47,7 @@ void runPhases(RestoreReport& report, const Timed& timed,
     // subinterface, so its events stay in the history and traces only.
     Log::observerIs([&report](const std::string& group, const std::string& message) {
         report.failures.push_back(group + ": " + message);
+        journalFailureIs(message);
     });
     if (config) {
         report.platformType = config->platformType();
