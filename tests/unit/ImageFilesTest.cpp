@@ -123,5 +123,23 @@ TEST(ImageFiles, TheServiceManagerAcceptsTheBootService) {
     EXPECT_EQ(verdict, "") << "warnings";
 }
 
+// The boot service's exposure stays at or below 4.5 (systemd-analyze's scale, 0 to 10): a
+// protection dropped, or a capability added, fails here before it reaches an image. The boot
+// tier proves the restore works under it.
+TEST(ImageFiles, TheBootServiceStaysHardened) {
+    if (!installed("systemd-analyze")) {
+        GTEST_SKIP() << "no systemd-analyze here";
+    }
+    int status = -1;
+    const std::string verdict =
+        shellOutput(std::string("systemd-analyze security --offline=true --threshold=45 ") +
+                        KESTRUNE_SERVICE_UNIT + " 2>&1",
+                    &status);
+    EXPECT_EQ(status, 0) << verdict;
+    EXPECT_NE(verdict.find("Overall exposure level for kestrune-restore.service: "),
+              std::string::npos)
+        << verdict;
+}
+
 } // namespace
 } // namespace Kestrune
