@@ -47,12 +47,17 @@ TEST(TraceOutput, ATerminalGetsNoTraceLinesUnlessAskedTheJournalGetsPriorities) 
         {"terminal", onATerminal(""), {"Ethernet1/1"}, {"Kestrune:0", "Kestrune:3"}},
         {"terminal --trace 0", onATerminal("--trace 0"), {"Kestrune:0 Found strata"}, {}},
         {"terminal --trace 0-9", onATerminal("--trace 0-9"), {"Kestrune:3 create"}, {}},
-        {"journal", inTheJournal(""), {"<5>Kestrune:0 Found strata\n"}, {"<6>", "\nKestrune:"}},
+        // A finding is information; only a failure of a restore is a warning (the boot tier
+        // reads those back from a real journal).
+        {"journal",
+         inTheJournal(""),
+         {"<6>Kestrune:0 Found strata\n"},
+         {"<4>", "Kestrune:3", "\nKestrune:"}},
         {"journal --trace 0-9",
          inTheJournal("--trace 0-9"),
-         {"<5>Kestrune:0 Found strata\n", "<6>Kestrune:3 create\n"},
+         {"<6>Kestrune:0 Found strata\n", "<6>Kestrune:3 create\n"},
          {"\nKestrune:"}},
-        {"piped", piped(""), {"Kestrune:0 Found strata\n"}, {"<5>", "Kestrune:3"}},
+        {"piped", piped(""), {"Kestrune:0 Found strata\n"}, {"<6>", "Kestrune:3"}},
     };
     for (const Case& c : cases) {
         for (const std::string& part : c.present) {

@@ -19,6 +19,7 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <memory>
 #include <set>
 #include <sstream>
 
@@ -38,17 +39,26 @@ void runPhases(RestoreReport& report, const Timed& timed,
                const std::function<ConfigParser::Ptr()>& parserOf,
                const std::function<void(const Config&)>& parsed, Config::Ptr& config,
                Driver::Ptr& driver, const RestoreChoices& choices) {
+    // Once the store is parsed every event is a failure. The parser also records an event for
+    // each subinterface it adds, so its findings stay notes: in the history and the trace,
+    // not among the failures nor the journal's warnings. A store that cannot be read is a
+    // failure for the journal, though the report says it as "could not start".
+    // Shared: the observer outlives this step when a stop unwinds it.
+    const auto storeParsed = std::make_shared<bool>(false);
+    Log::observerIs([&report, storeParsed](const std::string& group, const std::string& message) {
+        if (*storeParsed) {
+            report.failures.push_back(group + ": " + message);
+        }
+        if (*storeParsed || group != "ConfigParser") {
+            journalFailureIs(message);
+        }
+    });
     timed("parse", [&] {
         if (const ConfigParser::Ptr parser = parserOf()) {
             config = parser->parse();
         }
     });
-    // From here on every event is a failure. The parser also records an event for each added
-    // subinterface, so its events stay in the history and traces only.
-    Log::observerIs([&report](const std::string& group, const std::string& message) {
-        report.failures.push_back(group + ": " + message);
-        journalFailureIs(message);
-    });
+    *storeParsed = true;
     if (config) {
         report.platformType = config->platformType();
         if (parsed) {
