@@ -67,6 +67,9 @@ TEST(EventsCommand, SelectsBySinceGroupAndLimit) {
         {"--since '2026-11-21 12:00'", {"c", "d", "e"}},
         {"--since 1h", {"e"}},
         {"--since 3h --group Namespace", {"d"}},
+        {"--since '1 hour ago'", {"e"}},
+        {"--since '3 hours ago' --group Namespace", {"d"}},
+        {"--since '90 min'", {"e"}},
         {"--limit 2", {"d", "e"}},
         {"--group Driver --limit 2", {"c", "e"}},
         {"--limit 9", {"a", "b", "c", "d", "e"}},
@@ -82,7 +85,8 @@ TEST(EventsCommand, ASinceOrLimitThatDoesNotParseIsBadUsage) {
     TempDir dir;
     const std::string history = historyWith(dir, {event("Driver", 1795168800, "a")});
     for (const char* options : {"--since yesterday", "--since 5x", "--since 2026-13-40",
-                                "--since -3h", "--limit 0", "--limit many"}) {
+                                "--since -3h", "--since '1 hour later'", "--since 'an hour ago'",
+                                "--since '2 hours ago now'", "--limit 0", "--limit many"}) {
         int status = -1;
         const std::string output = Testing::shellOutput(
             std::string(KESTRUNE_CLI) + " events --history " + history + " " + options + " 2>&1",
@@ -93,7 +97,7 @@ TEST(EventsCommand, ASinceOrLimitThatDoesNotParseIsBadUsage) {
     const std::string output = Testing::shellOutput(
         std::string(KESTRUNE_CLI) + " events --history " + history + " --since soon 2>&1", &status);
     EXPECT_NE(output.find("'soon' is neither a UTC time such as \"2026-11-21 09:51:53\" nor an "
-                          "age such as 30m, 2h or 7d"),
+                          "age such as 30m, 2h, 7d or \"1 hour ago\""),
               std::string::npos)
         << output;
 }

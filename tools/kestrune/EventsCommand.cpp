@@ -12,6 +12,7 @@
 #include <iostream>
 #include <map>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
 
 namespace Kestrune::Cli {
@@ -26,22 +27,37 @@ struct EventsOptions {
     std::size_t limit = 0;
 };
 
+// Seconds in an age's unit: its letter or its word, singular or plural ("h", "hour",
+// "hours"); 0 for none.
+double unitSeconds(std::string unit) {
+    static const std::map<std::string, double> units{
+        {"s", 1},     {"sec", 1},     {"second", 1}, {"m", 60},
+        {"min", 60},  {"minute", 60}, {"h", 3600},   {"hour", 3600},
+        {"d", 86400}, {"day", 86400}, {"w", 604800}, {"week", 604800}};
+    if (unit.size() > 1 && unit.back() == 's' && units.count(unit) == 0) {
+        unit.pop_back();
+    }
+    const auto found = units.find(unit);
+    return found == units.end() ? 0 : found->second;
+}
+
 // The UTC time a --since text names, in seconds since the epoch: a date and time as the table
 // prints them ("2026-11-21 09:51:53", the seconds or the whole time of day may be left out),
-// or an age ("90s", "30m", "2h", "7d"). std::invalid_argument for anything else.
+// or an age ("90s", "30m", "2h", "7d", "1 hour ago", "30 minutes ago"). std::invalid_argument
+// for anything else.
 double sinceTime(const std::string& text, double now) {
-    std::size_t used = 0;
+    std::istringstream words(text);
     double amount = -1;
-    try {
-        amount = std::stod(text, &used);
-    } catch (const std::exception&) {
-        used = 0;
-    }
-    static const std::map<std::string, double> units{
-        {"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}};
-    const auto unit = units.find(text.substr(std::min(used, text.size())));
-    if (used > 0 && amount >= 0 && unit != units.end() && text.find('-') == std::string::npos) {
-        return now - amount * unit->second;
+    std::string unit;
+    std::string ago;
+    std::string rest;
+    if (text.find('-') == std::string::npos && words >> amount && amount >= 0) {
+        // "2h" or "2 hours ago": the unit follows the number, with or without a blank.
+        words >> unit >> ago >> rest;
+        const double seconds = unitSeconds(unit);
+        if (seconds > 0 && (ago.empty() || ago == "ago") && rest.empty()) {
+            return now - amount * seconds;
+        }
     }
     for (const char* format : {"%Y-%m-%d %H:%M:%S", "%Y-%m-%d %H:%M", "%Y-%m-%d"}) {
         std::tm parts{};
@@ -52,7 +68,7 @@ double sinceTime(const std::string& text, double now) {
     }
     throw std::invalid_argument("'" + text +
                                 "' is neither a UTC time such as \"2026-11-21 09:51:53\" nor an "
-                                "age such as 30m, 2h or 7d");
+                                "age such as 30m, 2h, 7d or \"1 hour ago\"");
 }
 
 // The events the options select, oldest first: those since the time, of the groups, and of
