@@ -74,6 +74,22 @@ def man_page(program, commands):
     lines += [".SH OPTIONS"]
     for names, value, about in top.get("Options", []):
         lines += [".TP", "\\fB%s\\fR %s" % (roff(names), roff(value)), roff(about)]
+    lines += [".SH EXIT STATUS",
+              "0: the command did its work (\\fBrestore\\fR: every step succeeded; "
+              "\\fBverify\\fR: the kernel matches the store).",
+              ".br", "1: it could not do all of it (\\fBrestore\\fR: done with failures; "
+              "\\fBverify\\fR: the kernel drifted); standard error says what and where.",
+              ".br", "2: a command line that is not understood (\\fBrestore\\fR: it could not "
+              "start; \\fBverify\\fR: the kernel or the store could not be read).",
+              ".br", "128 + N: \\fBrestore\\fR was stopped by signal N (SIGTERM: 143).",
+              ".SH ENVIRONMENT", ".TP", "ZEL_PSTORE_PATH",
+              "The folder of zel\\-persistent\\-store.json when \\fB\\-\\-pstore\\-dir\\fR is not "
+              "given (default /mnt/flash).", ".TP", "SIMULATION_VMID",
+              "Set (any value): a simulated switch; the chip's modules and nodes are not loaded "
+              "or made.", ".TP", "PATH",
+              "Where the commands the restore runs are found; unset or empty, the shell's "
+              "default path.", ".TP", "JOURNAL_STREAM",
+              "Set by systemd: trace lines go to the journal, each with its priority."]
     lines += [".SH FILES", ".TP", "/var/lib/kestrune/history.db",
               "The event history (\\fBkestrune events\\fR).", ".TP", "/run/kestrune/",
               "The restore's lock, its queue holder's pid and the boot service's report.",
@@ -81,19 +97,47 @@ def man_page(program, commands):
     return "\n".join(lines) + "\n"
 
 
+def value_words(value):
+    """What the completion offers after a flag whose help shows this value: its choices
+    ("first|last"), files or folders, or nothing for a number, a level or a name."""
+    value = value.split("=", 1)[0]
+    if value == "FILE":
+        return "-f"
+    if value == "DIR":
+        return "-d"
+    if "|" in value and value.lower() == value:
+        return "-W '%s'" % " ".join(value.split("|"))
+    return ""
+
+
 def completion(program, commands):
     cases = []
+    values = {}
     for name, _, _ in commands:
         flags = []
-        for names, _, _ in help_of(program, name).get("Options", []):
-            flags += [flag for flag in names.split(",") if flag.startswith("-")]
+        for names, value, _ in help_of(program, name).get("Options", []):
+            named = [flag for flag in names.split(",") if flag.startswith("-")]
+            flags += named
+            if value and not value.startswith("Excludes"):
+                for flag in named:
+                    values.setdefault(value_words(value), set()).add(flag)
         cases.append('        %s) words="%s" ;;' % (name, " ".join(flags)))
+    value_cases = "\n".join('        %s) COMPREPLY=($(compgen %s -- "$current")); return ;;'
+                            % ("|".join(sorted(flags)), words)
+                            for words, flags in sorted(values.items()) if words)
+    takes_value = "|".join(sorted(flag for words, flags in values.items() if not words
+                                  for flag in flags))
     return """# bash completion of kestrune, written from its help by scripts/cli-docs.py
 _kestrune() {
-    local current=${COMP_WORDS[COMP_CWORD]} command="" word words
+    local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]} command="" word words
     for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
         case $word in -*) ;; *) command=$word; break ;; esac
     done
+    # A flag's value: its choices, a file or a folder, or nothing to offer.
+    case $previous in
+%s
+        %s) COMPREPLY=(); return ;;
+    esac
     case $command in
         "") words="%s --help --version" ;;
 %s
@@ -105,7 +149,8 @@ _kestrune() {
     fi
 }
 complete -o filenames -F _kestrune kestrune
-""" % (" ".join(name for name, _, _ in commands), "\n".join(cases))
+""" % (value_cases, takes_value or "--no-such-flag", " ".join(name for name, _, _ in commands),
+       "\n".join(cases))
 
 
 def main():

@@ -1,5 +1,6 @@
 #include "parser/StoreFile.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -144,7 +145,16 @@ bool StoreFile::doParse(const std::string& bytes, rapidjson::Document& document,
     document.SetNull();
     reason = tooDeep ? "nested more than " + std::to_string(maxDepth) + " levels deep"
                      : rapidjson::GetParseError_En(reader.GetParseErrorCode());
-    reason += " at offset " + std::to_string(reader.GetErrorOffset());
+    // Where an editor shows it: line and column, counted from 1 (the column in bytes).
+    const std::size_t offset = std::min(reader.GetErrorOffset(), bytes.size());
+    const std::size_t lineStart = bytes.rfind('\n', offset == 0 ? 0 : offset - 1);
+    const std::size_t line =
+        1 + static_cast<std::size_t>(
+                std::count(bytes.begin(), bytes.begin() + static_cast<long>(offset), '\n'));
+    const std::size_t column =
+        offset - (lineStart == std::string::npos || offset == 0 ? 0 : lineStart + 1) + 1;
+    reason += " at line " + std::to_string(line) + ", column " + std::to_string(column) +
+              " (byte " + std::to_string(offset) + ")";
     return false;
 }
 

@@ -110,9 +110,12 @@ TEST(ConfigParserCreator, StoresThatCannotBeReadEndTheProcessOnARecordedAssertio
         const char* store;
         std::string assertion;
         bool notJson = false; // recorded with where it goes wrong before the end
+        const char* where = "";
     };
     const Case cases[] = {
-        {"not JSON", "{\"Tessaline\": ", "IsObject()", true},
+        {"not JSON", "{\"Tessaline\": ", "IsObject()", true, "at line 1, column 15 (byte 14)"},
+        {"not JSON on its second line", "{\n\"Tessaline\": x}", "IsObject()", true,
+         "Invalid value. at line 2, column 14 (byte 15)"},
         {"empty file", "", "IsObject()", true},
         {"a byte-order mark", "\xEF\xBB\xBF{\"Tessaline\": {\"platformType\": \"Strata\"}}",
          "IsObject()", true},
@@ -137,6 +140,8 @@ TEST(ConfigParserCreator, StoresThatCannotBeReadEndTheProcessOnARecordedAssertio
         ASSERT_EQ(outcome.events.size(), c.notJson ? 2U : 1U) << c.what;
         if (c.notJson) {
             EXPECT_NE(outcome.events[0].message.find(" is not JSON: "), std::string::npos);
+            EXPECT_NE(outcome.events[0].message.find(c.where), std::string::npos)
+                << outcome.events[0].message;
         }
     }
 }

@@ -58,6 +58,36 @@ TEST(ImageFiles, TheManPageHasEveryCommandAndFlagTheHelpHas) {
         }
     }
     EXPECT_EQ(page.find("warning"), std::string::npos) << page;
+    for (const char* section : {"\nEXIT STATUS\n", "\nENVIRONMENT\n", "ZEL_PSTORE_PATH"}) {
+        EXPECT_NE(page.find(section), std::string::npos) << section;
+    }
+}
+
+// What an operator meets first: the help shows values as words people use, and a mistyped
+// command is named, with the nearest one.
+TEST(ImageFiles, TheHelpAndAMistypedCommandSpeakPlainly) {
+    for (const std::string command : commands) {
+        int status = -1;
+        const std::string help = shellOutput(cli + " " + command + " --help", &status);
+        for (const char* parserWord : {"TEXT", "UINT", "FLOAT", "NONNEGATIVE", "POSITIVE", ":{"}) {
+            EXPECT_EQ(help.find(parserWord), std::string::npos) << command << ": " << parserWord;
+        }
+    }
+    const struct {
+        const char* word;
+        const char* said;
+    } mistyped[] = {
+        {"evnets", "kestrune: 'evnets' is not a command (did you mean 'events'?); kestrune "
+                   "--help lists them\n"},
+        {"restroe", "kestrune: 'restroe' is not a command (did you mean 'restore'?); kestrune "
+                    "--help lists them\n"},
+        {"frobnicate", "kestrune: 'frobnicate' is not a command; kestrune --help lists them\n"},
+    };
+    for (const auto& m : mistyped) {
+        int status = -1;
+        EXPECT_EQ(shellOutput(cli + " " + m.word + " 2>&1", &status), m.said);
+        EXPECT_EQ(status, 2) << m.word;
+    }
 }
 
 TEST(ImageFiles, BashCompletesCommandsAndEachCommandsFlags) {
@@ -82,6 +112,11 @@ TEST(ImageFiles, BashCompletesCommandsAndEachCommandsFlags) {
         {"kestrune simulate --chip-r", "--chip-refuses\n"},
         {"kestrune show --tr", "--trace --trace-file\n"},
         {"kestrune verify --p", "--pstore-dir\n"},
+        // A flag's value: its choices, or nothing where no file could be one.
+        {"kestrune restore --filter-rules \"\"", "first last\n"},
+        {"kestrune simulate --filter-rules l", "last\n"},
+        {"kestrune simulate --chip-refuses \"\"", "\n"},
+        {"kestrune events --limit \"\"", "\n"},
     };
     for (const Case& c : cases) {
         EXPECT_EQ(offered(c.words), c.offer) << c.words;

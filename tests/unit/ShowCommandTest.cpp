@@ -123,13 +123,26 @@ TEST(ShowCommand, TableAndFailures) {
     EXPECT_EQ(table.rfind("Strata switch, bridge MAC 02:1c:73:5e:00:01, ", 0), 0U) << table;
     EXPECT_NE(table.find("\nNAME "), std::string::npos);
 
+    // Why there is no store is said in the command's own line, with the path it looked for,
+    // also where no trace line is shown.
     TempDir dir;
-    std::string missing =
-        shellOutput(cli() + " show --trace 0 " + dir.file("none.json") + " 2>&1", &status);
-    EXPECT_EQ(status, 1);
-    EXPECT_EQ(missing, "Kestrune:0 create " + dir.file("none.json") + " file not present\n" +
-                           "kestrune show: " + dir.file("none.json") +
-                           ": no store of a known platform (the trace above says why)\n");
+    dir.write("lower.json", R"({"Tessaline": {"platformType": "strata"}})");
+    const struct {
+        std::string file;
+        std::string why;
+    } noStore[] = {
+        {dir.file("none.json"), "create " + dir.file("none.json") + " file not present"},
+        {dir.file("lower.json"), "its platformType is neither \"Strata\" nor \"Sand\""},
+    };
+    for (const auto& c : noStore) {
+        const std::string said =
+            shellOutput(cli() + " show " + c.file + " 2>" + dir.file("said") +
+                            "; s=$?; tail -n 1 " + dir.file("said") + "; exit $s",
+                        &status);
+        EXPECT_EQ(status, 1);
+        EXPECT_EQ(said,
+                  "kestrune show: " + c.file + ": no store of a known platform: " + c.why + "\n");
+    }
     shellOutput(cli() + " show --trace 12 x.json 2>&1", &status);
     EXPECT_EQ(status, 2);
 }

@@ -4,14 +4,17 @@
 #include "util/Assert.h"
 #include "util/Trace.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <stdexcept>
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace Kestrune::Cli {
 
@@ -131,6 +134,99 @@ void journalFailureIs(const std::string& message) {
 
 const char* journalPriority(const char* priority) {
     return journal() != nullptr ? priority : "";
+}
+
+namespace {
+
+// Letters inserted, deleted, changed or swapped to make one word of the other.
+std::size_t editDistance(const std::string& a, const std::string& b) {
+    std::vector<std::vector<std::size_t>> d(a.size() + 1, std::vector<std::size_t>(b.size() + 1));
+    for (std::size_t i = 0; i <= a.size(); ++i) {
+        for (std::size_t j = 0; j <= b.size(); ++j) {
+            if (i == 0 || j == 0) {
+                d[i][j] = i + j;
+                continue;
+            }
+            d[i][j] = std::min({d[i - 1][j] + 1, d[i][j - 1] + 1,
+                                d[i - 1][j - 1] + (a[i - 1] == b[j - 1] ? 0 : 1)});
+            if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1]) {
+                d[i][j] = std::min(d[i][j], d[i - 2][j - 2] + 1);
+            }
+        }
+    }
+    return d[a.size()][b.size()];
+}
+
+std::vector<std::string> commandNames(const CLI::App& app) {
+    std::vector<std::string> names;
+    for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; })) {
+        names.push_back(command->get_name());
+    }
+    return names;
+}
+
+} // namespace
+
+bool isCommand(const CLI::App& app, const std::string& word) {
+    const std::vector<std::string> names = commandNames(app);
+    return std::find(names.begin(), names.end(), word) != names.end();
+}
+
+std::string nearestCommand(const CLI::App& app, const std::string& word) {
+    std::string nearest;
+    std::size_t best = 3;
+    for (const std::string& name : commandNames(app)) {
+        if (const std::size_t distance = editDistance(word, name); distance < best) {
+            best = distance;
+            nearest = name;
+        }
+    }
+    return nearest.empty() ? "" : " (did you mean '" + nearest + "'?)";
+}
+
+void plainValueNames(CLI::App& app) {
+    // The default a value has stays shown: "=30" says what no flag means.
+    static const std::map<std::string, std::string> names{
+        {"FILE", ""}, // the positional's name says it
+        {"--pstore-dir", "DIR"},
+        {"--report", "FILE"},
+        {"--trace", "LEVELS"},
+        {"--trace-file", "FILE"},
+        {"--history", "FILE"},
+        {"--chip-log", "FILE"},
+        {"--chip-refuses", "COMMAND"},
+        {"--command-deadline", "SECONDS"},
+        {"--filter-rules", "first|last"},
+        {"--since", "TIME|AGE"},
+        {"--group", "GROUP"},
+        {"--limit", "N"},
+    };
+    for (CLI::App* command : app.get_subcommands([](CLI::App*) { return true; })) {
+        for (CLI::Option* option : command->get_options()) {
+            const std::string name =
+                option->get_lnames().empty() ? option->get_name() : "--" + option->get_lnames()[0];
+            if (const auto found = names.find(name); found != names.end()) {
+                option->type_name(found->second);
+                // A check's own words ("NONNEGATIVE", "{first,last}") stay in its errors.
+                for (int index = 0;; ++index) {
+                    try {
+                        option->get_validator(index)->description("");
+                    } catch (const CLI::OptionNotFound&) {
+                        break;
+                    }
+                }
+            }
+        }
+    }
+}
+
+std::string whyNoStore() {
+    const std::string& last = Log::lastEvent();
+    constexpr std::string_view group = "ConfigParserCreator: ";
+    if (last.rfind(group, 0) == 0) {
+        return last.substr(group.size());
+    }
+    return "its platformType is neither \"Strata\" nor \"Sand\"";
 }
 
 void PstoreDirOption::addTo(CLI::App& command, const std::string& when) {

@@ -48,6 +48,20 @@ void journalFailureIs(const std::string& message);
 // error or output when those are the journal's, else "".
 const char* journalPriority(const char* priority);
 
+// Why no parser came of the store, for people: the failure the store's loading recorded (which
+// names the path it looked for), or that its platform type is not one Kestrune knows.
+std::string whyNoStore();
+
+// Whether the word names a subcommand of the app; and, for one that does not, " (did you mean
+// 'events'?)" naming the nearest (at most two letters changed), else "".
+bool isCommand(const CLI::App& app, const std::string& word);
+std::string nearestCommand(const CLI::App& app, const std::string& word);
+
+// Gives every option of every command the word its help shows for its value as people read
+// it ("FILE", "first|last", "SECONDS"), instead of the parser's type words ("TEXT=0",
+// "UINT:POSITIVE"); the man page and the completion are written from that help.
+void plainValueNames(CLI::App& app);
+
 // Exit status of a command line that is not understood.
 constexpr int badUsage = 2;
 

@@ -75,8 +75,8 @@ void addRestoreCommand(CLI::App& app, int& status) {
         }
         if (!report.started) {
             std::cerr << journalPriority("<3>")
-                      << "kestrune restore: could not start: no store of a known platform, or "
-                         "no driver for its platform (the trace says which)\n";
+                      << "kestrune restore: could not start: no store of a known platform: "
+                      << whyNoStore() << "\n";
         } else if (report.stoppedBy != 0) {
             std::cerr << journalPriority("<4>") << "kestrune restore: stopped by "
                       << signalName(report.stoppedBy) << " before it finished\n";

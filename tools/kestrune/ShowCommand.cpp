@@ -32,7 +32,7 @@ void addShowCommand(CLI::App& app, int& status) {
         auto parser = configParserCreatorFactory()->createFrom(options->file);
         if (!parser) {
             std::cerr << "kestrune show: " << options->file
-                      << ": no store of a known platform (the trace above says why)\n";
+                      << ": no store of a known platform: " << whyNoStore() << "\n";
             status = 1;
             return;
         }

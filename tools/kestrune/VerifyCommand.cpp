@@ -45,7 +45,7 @@ void addVerifyCommand(CLI::App& app, int& status) {
         auto parser =
             options->file.empty() ? creator->create() : creator->createFrom(options->file);
         if (!parser) {
-            std::cerr << "kestrune verify: no store of a known platform (the trace says why)\n";
+            std::cerr << "kestrune verify: no store of a known platform: " << whyNoStore() << "\n";
             status = 2;
             return;
         }

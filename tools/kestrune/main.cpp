@@ -31,6 +31,15 @@ int main(int argc, char** argv) {
     Kestrune::Cli::addVerifyCommand(app, status);
     Kestrune::Cli::addEventsCommand(app, status);
 
+    Kestrune::Cli::plainValueNames(app);
+    // A mistyped command is named, with the nearest one, before the parser says only that a
+    // command is required.
+    if (argc > 1 && argv[1][0] != '-' && !Kestrune::Cli::isCommand(app, argv[1])) {
+        std::cerr << "kestrune: '" << argv[1] << "' is not a command"
+                  << Kestrune::Cli::nearestCommand(app, argv[1])
+                  << "; kestrune --help lists them\n";
+        return Kestrune::Cli::badUsage;
+    }
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {
