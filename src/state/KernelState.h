@@ -46,5 +46,8 @@ bool defaultNamespaceNamed();
 
 std::string kernelStateJson(const std::vector<NamespaceState>& state);
 std::string kernelStateTable(const std::vector<NamespaceState>& state);
+// Each namespace in a few lines: how many devices, how many of them up and with addresses,
+// and their names, wrapped to fit a terminal.
+std::string kernelStateBrief(const std::vector<NamespaceState>& state);
 
 } // namespace Kestrune

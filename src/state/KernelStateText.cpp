@@ -82,4 +82,31 @@ std::string kernelStateTable(const std::vector<NamespaceState>& state) {
     return out.str();
 }
 
+std::string kernelStateBrief(const std::vector<NamespaceState>& state) {
+    constexpr std::size_t width = 88;
+    std::ostringstream out;
+    for (const NamespaceState& ns : state) {
+        std::size_t up = 0;
+        std::size_t addressed = 0;
+        for (const DeviceState& device : ns.devices) {
+            up += device.adminUp && device.carrier ? 1 : 0;
+            addressed += device.ipv4.empty() && device.ipv6.empty() ? 0 : 1;
+        }
+        out << "namespace " << ns.name << ": " << ns.devices.size() << " devices, " << up
+            << " up with carrier, " << addressed << " with addresses\n";
+        std::string line = " ";
+        for (const DeviceState& device : ns.devices) {
+            if (line.size() + 1 + device.name.size() > width) {
+                out << line << "\n";
+                line = " ";
+            }
+            line += " " + device.name;
+        }
+        if (line.size() > 1) {
+            out << line << "\n";
+        }
+    }
+    return out.str();
+}
+
 } // namespace Kestrune

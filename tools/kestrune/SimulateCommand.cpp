@@ -47,6 +47,7 @@ struct SimulateOptions {
     std::string report;
     std::vector<std::string> refused;
     bool keep = false;
+    bool brief = false;
     CommonOptions common;
     RestoreGuardOptions guard;
 };
@@ -110,6 +111,8 @@ void addSimulateCommand(CLI::App& app, int& status) {
                         "Rehearse a failing chip: it refuses every fabric command of this name "
                         "(repeatable)");
     command->add_flag("--keep", options->keep, "Leave the sandbox alive and say how to enter it");
+    command->add_flag("--brief", options->brief,
+                      "Show each namespace's devices by name, instead of the whole table");
     options->common.addTo(*command);
     options->guard.addTo(*command);
     command->callback([options, &status] {
@@ -153,7 +156,8 @@ void addSimulateCommand(CLI::App& app, int& status) {
             simulator->doFlushLog();
         }
         const auto state = kernelState();
-        std::cout << kernelStateTable(state) << "\n" << report.summary();
+        std::cout << (options->brief ? kernelStateBrief(state) : kernelStateTable(state)) << "\n"
+                  << report.summary();
         std::vector<std::pair<std::string, std::string>> extra{{"kernel", kernelStateJson(state)}};
         // Whether what the restore left matches the store, read back as `verify` reads it.
         bool drifted = false;
