@@ -96,6 +96,8 @@ bootFamily() {
     inRoot systemctl mask getty@.service serial-getty@.service console-getty.service \
         systemd-timesyncd.service apt-daily.timer apt-daily-upgrade.timer >/dev/null 2>&1 || true
     echo "kestrune-$family" >"$root/etc/hostname"
+    sed -i 's|^KESTRUNE_METRICS=.*|KESTRUNE_METRICS=/var/lib/kestrune/kestrune.prom|' \
+        "$root/etc/default/kestrune"
 
     # What this family's restore must leave: its exit status, a device the agent sees, the VRF
     # ports that need their holder, an event of the run, and the journal's warnings: exactly

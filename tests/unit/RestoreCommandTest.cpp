@@ -1,7 +1,9 @@
 #include "RestoreRun.h"
 #include "Scenario.h"
 
+#include <filesystem>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 namespace Kestrune::Testing {
 namespace {
@@ -75,6 +77,48 @@ TEST(RestoreCommand, ARestoreThatCannotStartExitsWithTwoAndSaysWhy) {
         const std::string report = shellOutput("cat " + dir.file("report.json"), &status);
         EXPECT_NE(report.find("\"ok\": false"), std::string::npos) << c.what << ": " << report;
     }
+}
+
+} // namespace
+} // namespace Kestrune::Testing
+
+namespace Kestrune::Testing {
+namespace {
+
+// What node-exporter reads of the last restore, and that it never reads half a file: the
+// text is written beside the file and renamed over it, with its own mode whatever the umask.
+TEST(RestoreMetrics, TheLastRestoreAsATextfileReplacedWhole) {
+    Cli::RestoreReport report;
+    report.started = true;
+    report.initialized = true;
+    report.phasesMs = {{"parse", 12.5}, {"total", 250}};
+    report.failures = {"Driver: Unable to create Kernel interface for Port-Channel1"};
+    report.endedMs = 8125;
+    const std::string text = report.metrics();
+    for (const char* line : {"kestrune_restore_success 0\n", "kestrune_restore_exit_status 1\n",
+                             "kestrune_restore_failures 1\n",
+                             "kestrune_restore_phase_seconds{phase=\"parse\"} 0.0125\n",
+                             "kestrune_restore_phase_seconds{phase=\"total\"} 0.25\n",
+                             "kestrune_restore_completion_seconds_since_boot 8.125\n",
+                             "# TYPE kestrune_restore_failures gauge\n"}) {
+        EXPECT_NE(text.find(line), std::string::npos) << line << " in\n" << text;
+    }
+    TempDir dir;
+    const std::string path = dir.file("kestrune.prom");
+    dir.write("kestrune.prom", "old");
+    const mode_t mask = umask(077);
+    EXPECT_TRUE(Cli::fileReplaced(path, text));
+    umask(mask);
+    EXPECT_EQ(contentOf(path), text);
+    struct stat status {};
+    ASSERT_EQ(stat(path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0644U);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()),
+                            std::filesystem::directory_iterator()),
+              1)
+        << "a temporary file was left";
+    EXPECT_FALSE(Cli::fileReplaced(dir.file("no-folder/kestrune.prom"), text));
+    EXPECT_GT(Cli::msSinceBoot(), 0);
 }
 
 } // namespace

@@ -22,6 +22,7 @@ namespace {
 struct RestoreOptions {
     PstoreDirOption pstoreDir;
     std::string report;
+    std::string metrics;
     bool resume = false;
     CommonOptions common;
     RestoreGuardOptions guard;
@@ -36,6 +37,10 @@ void addRestoreCommand(CLI::App& app, int& status) {
                    "process does: exit 0 all done, 1 done with failures, 2 could not start");
     options->pstoreDir.addTo(*command);
     command->add_option("--report", options->report, "Write what the restore did as JSON");
+    command->add_option("--metrics", options->metrics,
+                        "Write the restore's result, failures, each phase's duration and when it "
+                        "ended (seconds since boot) for node-exporter's textfile collector, "
+                        "replacing the file whole; '' for none");
     command->add_flag("--resume", options->resume,
                       "Finish a restore that was interrupted: devices already there are taken over "
                       "and configured, addresses already there kept, and the filter rules replace "
@@ -63,7 +68,8 @@ void addRestoreCommand(CLI::App& app, int& status) {
         const RestoreReport report =
             runRestore([] { return configParserCreatorFactory()->create(); }, {}, choices);
         const bool reported =
-            options->report.empty() || reportWritten(options->report, report.json());
+            (options->report.empty() || reportWritten(options->report, report.json())) &&
+            (options->metrics.empty() || fileReplaced(options->metrics, report.metrics()));
         // In the journal the failures' summary is a notice: each failure is a warning already.
         std::istringstream summary(report.summary());
         bool failureLines = false;

@@ -17,11 +17,15 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
+#include <fcntl.h>
 #include <fstream>
 #include <iostream>
 #include <memory>
 #include <set>
 #include <sstream>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace Kestrune::Cli {
 namespace {
@@ -117,6 +121,50 @@ void RestoreGuardOptions::apply() const {
     restoreGuardsIs(guards);
 }
 
+double msSinceBoot() {
+    timespec now{};
+    clock_gettime(CLOCK_BOOTTIME, &now);
+    return static_cast<double>(now.tv_sec) * 1000 + static_cast<double>(now.tv_nsec) / 1e6;
+}
+
+bool fileReplaced(const std::string& path, const std::string& text) {
+    const std::string fresh = path + ".new-" + std::to_string(getpid());
+    const int fd =
+        ::open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+    bool done =
+        fd >= 0 && ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    done = fd >= 0 && fchmod(fd, 0644) == 0 && done;
+    if (fd >= 0 && ::close(fd) != 0) {
+        done = false;
+    }
+    if (done && ::rename(fresh.c_str(), path.c_str()) == 0) {
+        return true;
+    }
+    std::cerr << "kestrune: cannot write " << path << ": " << std::strerror(errno) << "\n";
+    ::unlink(fresh.c_str());
+    return false;
+}
+
+std::string RestoreReport::metrics() const {
+    std::ostringstream out;
+    const auto metric = [&out](const char* name, const char* help, auto value) {
+        out << "# HELP " << name << " " << help << "\n# TYPE " << name << " gauge\n"
+            << name << " " << value << "\n";
+    };
+    metric("kestrune_restore_success", "Whether the last restore did every step (1) or not (0).",
+           ok() ? 1 : 0);
+    metric("kestrune_restore_exit_status", "The last restore's exit status.", exitStatus());
+    metric("kestrune_restore_failures", "Failures the last restore recorded.", failures.size());
+    out << "# HELP kestrune_restore_phase_seconds How long each phase of the last restore took.\n"
+        << "# TYPE kestrune_restore_phase_seconds gauge\n";
+    for (const auto& [phase, ms] : phasesMs) {
+        out << "kestrune_restore_phase_seconds{phase=\"" << phase << "\"} " << ms / 1000 << "\n";
+    }
+    metric("kestrune_restore_completion_seconds_since_boot",
+           "When the last restore ended, in seconds since boot.", endedMs / 1000);
+    return out.str();
+}
+
 bool reportWritten(const std::string& path, const std::string& json) {
     std::ofstream out(path);
     out << json << '\n';
@@ -187,6 +235,7 @@ RestoreReport runRestore(const std::function<ConfigParser::Ptr()>& parserOf,
     // Each phase ends with its events in the history, so a restore that dies in the next
     // one leaves at least these behind in the database (and the rest in its journal).
     const auto timed = [&report](const char* phase, const std::function<void()>& work) {
+        report.phasesStartMs.emplace_back(phase, msSinceBoot());
         const auto start = Clock::now();
         stopPoint();
         work();
@@ -194,6 +243,7 @@ RestoreReport runRestore(const std::function<ConfigParser::Ptr()>& parserOf,
         Log::doStorePending();
     };
     const auto start = Clock::now();
+    report.phasesStartMs.emplace_back("total", msSinceBoot());
     Config::Ptr config;
     Driver::Ptr driver;
     try {
@@ -203,6 +253,7 @@ RestoreReport runRestore(const std::function<ConfigParser::Ptr()>& parserOf,
         ProcessGuard::doRecordStop(stop.signal());
     }
     report.phasesMs.emplace_back("total", msSince(start));
+    report.endedMs = msSinceBoot();
     if (config) {
         for (const auto& [name, intf] : config->interface()) {
             std::string foundIn;
@@ -245,6 +296,15 @@ RestoreReport::json(const std::vector<std::pair<std::string, std::string>>& extr
         writer.Double(ms);
     }
     writer.EndObject();
+    writer.Key("phasesStartMsSinceBoot");
+    writer.StartObject();
+    for (const auto& [name, ms] : phasesStartMs) {
+        writer.Key(name.c_str());
+        writer.Double(ms);
+    }
+    writer.EndObject();
+    writer.Key("endedMsSinceBoot");
+    writer.Double(endedMs);
     writer.Key("interfaces");
     writer.StartArray();
     for (const Interface& intf : interfaces) {

@@ -28,6 +28,11 @@ struct RestoreReport {
     bool initialized = false;
     std::string platformType;
     std::vector<std::pair<std::string, double>> phasesMs;
+    // When each phase began, and ("total") when the restore began and ended, in milliseconds
+    // since boot (CLOCK_BOOTTIME, counting suspend): comparable with the journal's and the
+    // other boot services' times.
+    std::vector<std::pair<std::string, double>> phasesStartMs;
+    double endedMs = 0;
     std::vector<Interface> interfaces;
     std::vector<std::string> failures; // every event after parsing, "<group>: <message>"
     int stoppedBy = 0;                 // the signal that stopped the restore, or 0
@@ -44,6 +49,9 @@ struct RestoreReport {
     // The report as a JSON object; `extra` adds members, each a name and an object (the
     // simulator's kernel state and its verification).
     std::string json(const std::vector<std::pair<std::string, std::string>>& extra = {}) const;
+    // The last restore for node-exporter's textfile collector: its result, failures, each
+    // phase's duration and when it ended, in seconds since boot.
+    std::string metrics() const;
     // A few lines for people: what was restored, how long each phase took, and each failure
     // once, with how often it happened.
     std::string summary() const;
@@ -60,6 +68,12 @@ struct RestoreGuardOptions {
     void apply() const;
 };
 
+// Milliseconds since boot (CLOCK_BOOTTIME).
+double msSinceBoot();
+// Writes a file whole or not at all: into a new file beside it, then renamed over it, so a
+// reader (node-exporter) never sees half of one. False, with the reason on standard error,
+// when it cannot.
+bool fileReplaced(const std::string& path, const std::string& text);
 // Writes a report; false, with the reason on standard error, when it cannot.
 bool reportWritten(const std::string& path, const std::string& json);
 
