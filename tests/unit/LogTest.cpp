@@ -5,11 +5,15 @@
 #include "log/HistoryStore.h"
 #include "util/Assert.h"
 #include "util/Json.h"
+#include "util/RestoreGuards.h"
 
 #include <algorithm>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 namespace Kestrune {
 namespace {
@@ -50,6 +54,64 @@ TEST(EventLog, AProcessEndingOnAnAssertionLeavesItsEventsAndTheAssertion) {
     EXPECT_EQ(outcome.events[1].message.rfind("assertion failed: 1 + 1 == 3 (", 0), 0U)
         << outcome.events[1].message;
     EXPECT_NE(outcome.events[1].message.find("LogTest.cpp:"), std::string::npos);
+}
+
+// What standard error says of an assertion: the condition as always; under a service manager
+// as the journal's critical line, and, with the guards' extra reports, a second line naming
+// the last failure before it. Without the guards the library adds nothing, not even the
+// Assertion event.
+TEST(EventLog, AnAssertionInTheJournalIsCriticalAndNamesTheLastFailure) {
+    struct Case {
+        const char* what;
+        bool journal;
+        bool guarded;
+        std::vector<std::string> lines; // after the file and line are cut off
+        std::size_t events;
+    };
+    const Case cases[] = {
+        {"journal, guarded",
+         true,
+         true,
+         {"<2>Kestrune: assertion failed: 0",
+          "<2>Kestrune: the restore ended after its last "
+          "failure: StrataDriver: setupFabricDevice open failed."},
+         2},
+        {"journal, no guard", true, false, {"<2>Kestrune: assertion failed: 0"}, 1},
+        {"a file, guarded",
+         false,
+         true,
+         {"Kestrune: assertion failed: 0", "Kestrune: the restore ended after its last failure: "
+                                           "StrataDriver: setupFabricDevice open failed."},
+         2},
+    };
+    for (const Case& c : cases) {
+        TempDir dir;
+        const std::string errors = dir.file("errors");
+        Outcome outcome = runProcess(dir, [&] {
+            RestoreGuards guards = c.guarded ? RestoreGuards::all() : RestoreGuards{};
+            guards.stopGraceSeconds = 0;
+            restoreGuardsIs(guards);
+            if (std::freopen(errors.c_str(), "w", stderr) == nullptr) {
+                std::_Exit(3);
+            }
+            if (c.journal) {
+                struct stat file {};
+                fstat(fileno(stderr), &file);
+                setenv("JOURNAL_STREAM",
+                       (std::to_string(file.st_dev) + ":" + std::to_string(file.st_ino)).c_str(),
+                       1);
+            }
+            Log::logEvent("StrataDriver", "setupFabricDevice open failed.");
+            KESTRUNE_ASSERT_TEXT(false, "0");
+        });
+        EXPECT_EQ(outcome.signal, SIGABRT) << c.what;
+        std::vector<std::string> lines;
+        for (std::string line : Testing::linesOf(errors)) {
+            lines.push_back(line.substr(0, line.find(" (")));
+        }
+        EXPECT_EQ(lines, c.lines) << c.what;
+        EXPECT_EQ(outcome.events.size(), c.events) << c.what;
+    }
 }
 
 TEST(EventLog, TheJsonLibrarysTypeAssertionsAreRecordedToo) {
