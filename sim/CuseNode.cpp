@@ -72,8 +72,8 @@ struct CuseCalls {
 CuseNode::CuseNode(Chip& chip, Kind kind) : chip_(chip), kind_(kind) {
     // Registered under a folder of its own: where /dev is the kernel's devtmpfs it makes the
     // node under this name (mode 0600), and the chip's own paths are the restore's to make.
-    const std::string devname = std::string("DEVNAME=kestrune-chip/") +
-                                (kind == Kind::fabric ? "fabric" : "kovana-bde");
+    const std::string devname =
+        std::string("DEVNAME=kestrune-chip/") + (kind == Kind::fabric ? "fabric" : "kovana-bde");
     const char* info[] = {devname.c_str()};
     cuse_info device{};
     device.dev_major = deviceMajor();

@@ -190,6 +190,7 @@ void plainValueNames(CLI::App& app) {
         {"FILE", ""}, // the positional's name says it
         {"--pstore-dir", "DIR"},
         {"--report", "FILE"},
+        {"--metrics", "FILE"},
         {"--trace", "LEVELS"},
         {"--trace-file", "FILE"},
         {"--history", "FILE"},
