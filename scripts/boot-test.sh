@@ -11,7 +11,6 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 source=$PWD
 cache=${KESTRUNE_BOOT_CACHE:-/var/cache/kestrune-boot}
-mirror=${KESTRUNE_DEBIAN_MIRROR:-http://deb.debian.org/debian}
 families=("$@")
 [ ${#families[@]} -gt 0 ] || families=(strata sand power-cut)
 fail() {
@@ -19,15 +18,7 @@ fail() {
     exit 1
 }
 
-work=$(mktemp -d)
-mounts=()
-cleanup() {
-    for ((i = ${#mounts[@]} - 1; i >= 0; i--)); do
-        umount -l "${mounts[$i]}" 2>/dev/null || true
-    done
-    rm -rf "$work"
-}
-trap cleanup EXIT
+source scripts/debian-root.sh
 
 kernel=$(scripts/vm-kernel.sh) || fail "no guest kernel"
 release=$(basename "$kernel")
@@ -36,39 +27,20 @@ scripts/deb.sh "$work/debs" >/dev/null
 # Debian 12 with systemd, made once and kept. Nothing Kestrune needs is in it: the packages'
 # own dependencies must bring it.
 base=$cache/bookworm-systemd
-if [ ! -f "$base/.kestrune-ready" ]; then
-    echo "boot tier: making a Debian 12 root with systemd in $base (once)" >&2
-    rm -rf "$base" "$base.tmp"
-    mkdir -p "$cache"
-    debootstrap --variant=minbase --include=systemd,systemd-sysv,dbus bookworm "$base.tmp" \
-        "$mirror" >"$cache/debootstrap.log" 2>&1 ||
-        { tail -n 20 "$cache/debootstrap.log" >&2; fail "debootstrap (log: $cache/debootstrap.log)"; }
-    touch "$base.tmp/.kestrune-ready"
-    mv "$base.tmp" "$base"
-fi
+cachedRoot "$base" systemd,systemd-sysv,dbus
 
 # Installs the packages into a fresh view of the cached root at $work/RUN/root and sets it up
 # as an image builder would for the chip family, with the store given.
 prepareImage() {
     local run=$work/$1 family=$2 store=$3
     local root=$run/root
-    mkdir -p "$run/upper" "$run/overlay-work" "$root"
-    mount -t overlay "kestrune-boot-$family" \
-        -o "lowerdir=$base,upperdir=$run/upper,workdir=$run/overlay-work" "$root"
-    mounts+=("$root")
-    for fs in proc sys dev dev/pts; do
-        mkdir -p "$root/$fs"
-    done
-    mount -t proc proc "$root/proc" && mounts+=("$root/proc")
-    mount --bind /dev "$root/dev" && mounts+=("$root/dev")
+    rootView "$base" "$run"
+    attach proc proc "$root/proc"
+    attach bind /dev "$root/dev"
     cp /etc/resolv.conf "$root/etc/resolv.conf"
     mkdir -p "$root/debs"
     cp "$work"/debs/*.deb "$root/debs/"
-    inRoot() {
-        chroot "$root" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root \
-            DEBIAN_FRONTEND=noninteractive LC_ALL=C.UTF-8 "$@"
-    }
-    echo "boot tier ($family): apt-get install the packages" >&2
+    echo "boot tier ($1): apt-get install the packages" >&2
     inRoot apt-get update >"$run/apt.log" 2>&1 || true
     inRoot sh -c 'apt-get install -y --no-install-recommends /debs/kestrune_*.deb /debs/kestrune-sim_*.deb /debs/libkestrune0_*.deb' \
         >>"$run/apt.log" 2>&1 || { tail -n 20 "$run/apt.log" >&2; fail "apt-get install"; }
@@ -165,8 +137,8 @@ powerCut() {
     prepareImage power-cut sand "$work/power-cut-store.json"
     install -m 0755 tests/boot/kestrune-power-cut "$root/usr/local/sbin/"
     cp tests/boot/kestrune-power-cut.service "$root/etc/systemd/system/"
-    chroot "$root" systemctl enable kestrune-power-cut.service >/dev/null 2>&1
-    chroot "$root" systemctl disable kestrune-boot-check.service >/dev/null 2>&1
+    inRoot systemctl enable kestrune-power-cut.service >/dev/null 2>&1
+    inRoot systemctl disable kestrune-boot-check.service >/dev/null 2>&1
     echo "boot tier (power cut): booting the image, to be reset in the middle of the restore" >&2
     local seconds
     seconds=$(bootImage power-cut)
@@ -178,8 +150,8 @@ powerCut() {
     echo "boot tier (power cut): reset after $seconds s, with $(wc -l <"$out/before-cut.txt") events shown and $journaled journal(s) beside the history" >&2
     cp "$out/before-cut.txt" "$work/before-cut.txt"
     # The second boot: the same disk, no cut, the check as usual and then the comparison.
-    chroot "$root" systemctl disable kestrune-power-cut.service >/dev/null 2>&1
-    chroot "$root" systemctl enable kestrune-boot-check.service >/dev/null 2>&1
+    inRoot systemctl disable kestrune-power-cut.service >/dev/null 2>&1
+    inRoot systemctl enable kestrune-boot-check.service >/dev/null 2>&1
     printf '%s\n' exitStatus=1 vrfPorts= agentSees=et6_32 \
         "eventSeen='Unable to create Kernel interface for'" >"$out/expect"
     grep -v '^ConfigParser: ' /dev/null >"$out/expected-warnings.txt" || true

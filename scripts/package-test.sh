@@ -7,44 +7,21 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 cache=${KESTRUNE_DEB_ROOT_CACHE:-/var/cache/kestrune-deb-root}
-mirror=${KESTRUNE_DEBIAN_MIRROR:-http://deb.debian.org/debian}
 fail() {
     echo "package test: FAILED: $*" >&2
     exit 1
 }
 
-work=$(mktemp -d)
-mounts=()
-cleanup() {
-    for ((i = ${#mounts[@]} - 1; i >= 0; i--)); do
-        umount -l "${mounts[$i]}" 2>/dev/null || true
-    done
-    rm -rf "$work"
-}
-trap cleanup EXIT
-attach() { # attach TYPE-OR-bind SOURCE TARGET
-    mkdir -p "$3"
-    if [ "$1" = bind ]; then mount --bind "$2" "$3"; else mount -t "$1" "$2" "$3"; fi
-    mounts+=("$3")
-}
+source scripts/debian-root.sh
 
 scripts/deb.sh "$work/debs" >/dev/null
 
 # A minimal Debian 12, made once and kept; each run works on a copy-on-write view of it, so
 # every run starts from the fresh root.
 base=$cache/bookworm-minbase
-if [ ! -f "$base/.kestrune-ready" ]; then
-    echo "package test: making a Debian 12 root in $base (once)" >&2
-    rm -rf "$base"
-    mkdir -p "$cache"
-    debootstrap --variant=minbase bookworm "$base" "$mirror" >"$cache/debootstrap.log" 2>&1 ||
-        { tail -n 20 "$cache/debootstrap.log" >&2; fail "debootstrap (log: $cache/debootstrap.log)"; }
-    touch "$base/.kestrune-ready"
-fi
+cachedRoot "$base"
 root=$work/root
-mkdir -p "$work/upper" "$work/overlay-work" "$root"
-mount -t overlay kestrune-deb -o "lowerdir=$base,upperdir=$work/upper,workdir=$work/overlay-work" "$root"
-mounts+=("$root")
+rootView "$base" "$work"
 attach proc proc "$root/proc"
 attach sysfs sysfs "$root/sys"
 attach bind /dev "$root/dev"
@@ -53,10 +30,6 @@ attach tmpfs tmpfs "$root/run"
 cp /etc/resolv.conf "$root/etc/resolv.conf"
 mkdir -p "$root/debs"
 cp "$work"/debs/*.deb "$root/debs/"
-inRoot() {
-    chroot "$root" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root \
-        DEBIAN_FRONTEND=noninteractive LC_ALL=C.UTF-8 "$@"
-}
 
 echo "package test: apt-get install ./kestrune*.deb ./libkestrune*.deb man-db systemd" >&2
 inRoot apt-get update >"$work/apt.log" 2>&1 || true
