@@ -77,15 +77,17 @@ StoreFile::Outcome StoreFile::doRead(const std::string& path, std::string& bytes
     struct stat status {};
     Outcome outcome = Outcome::Read;
     const std::size_t limit = bounded ? maxBytes : bytes.max_size() - 1;
-    if (!bounded) {
-        status.st_size = 0; // read whatever is there, as a stream does
-    } else if (fstat(fd, &status) != 0) {
-        reason = failure(path, "cannot be examined");
-        outcome = Outcome::NotReadable;
-    } else if (!S_ISREG(status.st_mode)) {
+    // Unbounded, whatever is there is read as a stream reads it; the size only sizes the buffer.
+    if (fstat(fd, &status) != 0) {
+        status.st_size = 0;
+        if (bounded) {
+            reason = failure(path, "cannot be examined");
+            outcome = Outcome::NotReadable;
+        }
+    } else if (bounded && !S_ISREG(status.st_mode)) {
         reason = path + " is not a regular file";
         outcome = Outcome::NotRegular;
-    } else if (static_cast<std::size_t>(status.st_size) > maxBytes) {
+    } else if (bounded && static_cast<std::size_t>(status.st_size) > maxBytes) {
         reason = path + " is " + std::to_string(status.st_size) + " bytes, more than a store's " +
                  std::to_string(maxBytes);
         outcome = Outcome::TooLarge;

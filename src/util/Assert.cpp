@@ -46,12 +46,13 @@ void assertionFailed(const char* condition, const char* file, int line) {
     }
     // A line the sink holds back goes out before the process ends.
     Trace::flush();
-    // Under a service manager the line is the journal's most severe of the restore.
-    std::fprintf(stderr, "%sKestrune: assertion failed: %s (%s:%d)\n",
-                 stderrIsJournal() ? "<2>" : "", condition, file, line);
+    // Under a service manager the lines are the journal's most severe of the restore.
+    const char* critical = stderrIsJournal() ? "<2>" : "";
+    std::fprintf(stderr, "%sKestrune: assertion failed: %s (%s:%d)\n", critical, condition, file,
+                 line);
     if (restoreGuards().extraReports && !Log::lastEvent().empty()) {
-        std::fprintf(stderr, "%sKestrune: the restore ended after its last failure: %s\n",
-                     stderrIsJournal() ? "<2>" : "", Log::lastEvent().c_str());
+        std::fprintf(stderr, "%sKestrune: the restore ended after its last failure: %s\n", critical,
+                     Log::lastEvent().c_str());
     }
     if (std::strstr(file, "rapidjson/")) {
         // The JSON library's own type checks fail only on a store of the wrong shape.

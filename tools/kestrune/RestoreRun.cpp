@@ -289,20 +289,16 @@ RestoreReport::json(const std::vector<std::pair<std::string, std::string>>& extr
     writer.Bool(resumed);
     writer.Key("filterRules");
     writer.String(filterRulesFirst ? "first" : "last");
-    writer.Key("phasesMs");
-    writer.StartObject();
-    for (const auto& [name, ms] : phasesMs) {
-        writer.Key(name.c_str());
-        writer.Double(ms);
+    for (const auto& [key, times] :
+         {std::pair{"phasesMs", &phasesMs}, std::pair{"phasesStartMsSinceBoot", &phasesStartMs}}) {
+        writer.Key(key);
+        writer.StartObject();
+        for (const auto& [name, ms] : *times) {
+            writer.Key(name.c_str());
+            writer.Double(ms);
+        }
+        writer.EndObject();
     }
-    writer.EndObject();
-    writer.Key("phasesStartMsSinceBoot");
-    writer.StartObject();
-    for (const auto& [name, ms] : phasesStartMs) {
-        writer.Key(name.c_str());
-        writer.Double(ms);
-    }
-    writer.EndObject();
     writer.Key("endedMsSinceBoot");
     writer.Double(endedMs);
     writer.Key("interfaces");
