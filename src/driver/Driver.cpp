@@ -199,8 +199,10 @@ void Driver::createIntfsInDefaultNs() {
                 }
                 break;
             case InterfaceType::SVI_:
-                createdWith(*intf,
-                            createVlanInterface(intf, netlinkFd(DEFAULT_NS), sockFd(DEFAULT_NS)));
+                createdWith(*intf, order_ == RestoreOrder::library
+                                       ? createVlanInterface(intf, netlinkFd(DEFAULT_NS),
+                                                             sockFd(DEFAULT_NS))
+                                       : createVlanInterfaceInPlace(intf));
                 break;
             default: // None, or a value past the last type
                 KESTRUNE_ASSERT(false);
@@ -210,6 +212,26 @@ void Driver::createIntfsInDefaultNs() {
 }
 
 bool Driver::createVlanInterface(const Interface* intf, int netlinkFd, int sockFd) {
+    return createVlanInterfaceWith(
+        intf, sockFd, [&](const std::string& k, std::uint16_t vlan, int&) {
+            return makeVlanDevice("fabric", k, vlan, netlinkFd, DEFAULT_NS);
+        });
+}
+
+bool Driver::createVlanInterfaceInPlace(const Interface* intf) {
+    return createVlanInterfaceWith(
+        intf, sockFd(DEFAULT_NS), [&](const std::string& k, std::uint16_t vlan, int& socket) {
+            NamespaceName madeIn(DEFAULT_NS);
+            const int made = makeLayer3VlanDevice(*intf, "fabric", k, vlan, madeIn);
+            socket = sockFd(madeIn);
+            return made;
+        });
+}
+
+bool Driver::createVlanInterfaceWith(
+    const Interface* intf, int sockFd,
+    const std::function<int(const std::string& kernelName, std::uint16_t vlan, int& sockFd)>&
+        make) {
     TRACE(3) << "createVlanInterface"
              << " " << intf->name();
     KESTRUNE_ASSERT(intf->interfaceType() == InterfaceType::SVI_);
@@ -222,7 +244,7 @@ bool Driver::createVlanInterface(const Interface* intf, int netlinkFd, int sockF
         eventIs("Unable to create SVI " + intf->name() + ": not a kernel device name");
         return false;
     }
-    if (makeVlanDevice("fabric", kernelName, vlan, netlinkFd, DEFAULT_NS) != 0) {
+    if (make(kernelName, vlan, sockFd) != 0) {
         TRACE(0) << "Unable to create SVI " << kernelName;
         eventIs("Unable to create SVI " + kernelName);
         return false;
@@ -233,6 +255,30 @@ bool Driver::createVlanInterface(const Interface* intf, int netlinkFd, int sockF
         return false;
     }
     return true;
+}
+
+int Driver::makeLayer3VlanDevice(const Interface& intf, std::string_view parent,
+                                 const std::string& kernelName, std::uint16_t vlan,
+                                 NamespaceName& madeIn) {
+    madeIn = NamespaceName(DEFAULT_NS);
+    if (order_ == RestoreOrder::library) {
+        return makeVlanDevice(parent, kernelName, vlan, netlinkFd(DEFAULT_NS), DEFAULT_NS);
+    }
+    // Only a namespace doInit opened sockets in: configure reaches the device through them.
+    const NamespaceName target(intf.netNsName().empty() ? std::string(DEFAULT_NS)
+                                                        : intf.netNsName());
+    int namespaceFd = -1;
+    if (target != NamespaceName(DEFAULT_NS) && sockFd_.count(target) != 0) {
+        namespaceFd = namespaceFiles_.fdOf(target.text());
+    }
+    const int mtu = intf.mtu();
+    const int made = makeVlanDevice(parent, kernelName, vlan, netlinkFd(DEFAULT_NS), DEFAULT_NS,
+                                    namespaceFd, mtu > 0 ? static_cast<unsigned>(mtu) : 0);
+    if (made == 0 && namespaceFd >= 0) {
+        madeIn = target;
+        vrfCreate_->madeInPlaceIs(kernelName);
+    }
+    return made;
 }
 
 bool Driver::createL2Interface(const Interface*, const std::string&) {
@@ -257,6 +303,10 @@ bool Driver::createLagInterface(const Interface*, const std::string&) {
 
 void Driver::eventIs(const std::string& message) {
     Log::logEvent("Driver", message);
+}
+
+const char* restoreOrderName(RestoreOrder order) {
+    return order == RestoreOrder::fast ? "fast" : "library";
 }
 
 Driver::Ptr driverFactory(const Config::PtrConst& config) {

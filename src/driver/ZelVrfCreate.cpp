@@ -67,7 +67,8 @@ bool ZelVrfCreate::doMoveIntfToNetNs(const Interface* intf, int sockFd) {
     switch (intf->interfaceType()) {
     case InterfaceType::SVI_:
     case InterfaceType::SubIntf_:
-        KESTRUNE_ASSERT_TEXT(moveIntfToNs(kernelName, DEFAULT_NS, destination) == 0,
+        KESTRUNE_ASSERT_TEXT(madeInPlace(kernelName) ||
+                                 moveIntfToNs(kernelName, DEFAULT_NS, destination) == 0,
                              "moveIntfToNs(kernelName, DEFAULT_NS, destination) == 0");
         return true;
     case InterfaceType::RoutedPort_:

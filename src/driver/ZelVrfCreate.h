@@ -6,6 +6,7 @@
 
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 
 namespace Kestrune {
@@ -38,6 +39,13 @@ class ZelVrfCreate {
     void ioctlUtilIs() { ioctlUtil_ = std::make_shared<EthIoctlUtil>(); }
     void ioctlUtilDel() { ioctlUtil_.reset(); }
 
+    // Kernel devices of SVIs and subinterfaces that were made inside their namespace: their
+    // move finds them there and has nothing to do.
+    bool madeInPlace(const std::string& kernelName) const {
+        return madeInPlace_.count(kernelName) != 0;
+    }
+    void madeInPlaceIs(const std::string& kernelName) { madeInPlace_.insert(kernelName); }
+
     void doInit(const Config::PtrConst& config);
     void doCreateVrfs();
     // Puts the interface's device into its namespace: an SVI's or subinterface's device is
@@ -49,6 +57,7 @@ class ZelVrfCreate {
     NameSet netNsName_;
     Config::PtrConst config_;
     EthIoctlUtil::Ptr ioctlUtil_;
+    std::set<std::string> madeInPlace_;
 };
 
 ZelVrfCreate::Ptr zelVrfCreateFactory();

@@ -86,11 +86,12 @@ bool StrataDriver::createSubInterface(const Interface* intf, const std::string&)
     if (!doFabIoctl(command)) {
         return failed("Fab Ioctl wasn't successful " + command);
     }
-    if (makeVlanDevice(p, k, static_cast<std::uint16_t>(sub.encapVlan()), netlinkFd(DEFAULT_NS),
-                       DEFAULT_NS) != 0) {
+    NamespaceName madeIn(DEFAULT_NS);
+    if (makeLayer3VlanDevice(*intf, p, k, static_cast<std::uint16_t>(sub.encapVlan()), madeIn) !=
+        0) {
         return failed("Unable to create " + k);
     }
-    if (!setDevUp(k.c_str(), sockFd(DEFAULT_NS))) {
+    if (!setDevUp(k.c_str(), sockFd(madeIn))) {
         return failed("Unable to set devstat UP for " + k);
     }
     return true;

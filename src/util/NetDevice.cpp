@@ -22,7 +22,7 @@ int failed(const char* operation, std::string_view name, const char* what, int r
 } // namespace
 
 int makeVlanDevice(std::string_view parent, std::string_view name, int vlanId, int netlinkFd,
-                   std::string_view nsName) {
+                   std::string_view nsName, int namespaceFd, unsigned mtu) {
     TRACE_EXTRA(9) << "makeVlanDevice"
                    << " " << name << " id " << vlanId << " on " << parent << " in " << nsName;
     int fd = netlinkFd;
@@ -38,8 +38,12 @@ int makeVlanDevice(std::string_view parent, std::string_view name, int vlanId, i
     } else if (vlanId < 0 || vlanId > UINT16_MAX) {
         result = failed("makeVlanDevice", name, "VLAN id", -ERANGE);
     } else {
-        result =
-            Kestrune::Netlink::vlanLinkAdd(fd, name, result, static_cast<std::uint16_t>(vlanId));
+        const auto id = static_cast<std::uint16_t>(vlanId);
+        const int parentIndex = result;
+        result = Kestrune::Netlink::vlanLinkAdd(fd, name, parentIndex, id, namespaceFd, mtu);
+        if (mtu != 0 && (result == -EINVAL || result == -ERANGE)) {
+            result = Kestrune::Netlink::vlanLinkAdd(fd, name, parentIndex, id, namespaceFd);
+        }
         if (result < 0) {
             failed("makeVlanDevice", name, "create", result);
         }

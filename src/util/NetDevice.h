@@ -6,9 +6,12 @@
 #include <string_view>
 
 // Creates the VLAN device `name` with id vlanId on `parent`, over a netlink socket open in
-// nsName (one is opened there when netlinkFd is negative).
+// nsName (one is opened there when netlinkFd is negative). Given the descriptor of another
+// namespace, the device is made inside that one, and given an MTU, with it, which costs
+// neither a move nor an MTU change; an MTU the kernel refuses is left to the step that sets
+// it: the device is then made with its parent's.
 int makeVlanDevice(std::string_view parent, std::string_view name, int vlanId, int netlinkFd,
-                   std::string_view nsName);
+                   std::string_view nsName, int namespaceFd = -1, unsigned mtu = 0);
 // Installs a prio root qdisc (handle 1:, three bands, the default priority map) on a device of
 // the thread's namespace.
 int addRootPrioQdisc(std::string_view deviceName);

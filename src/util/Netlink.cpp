@@ -156,7 +156,8 @@ int linkNamespaceIs(int fd, std::string_view deviceName, int namespaceFd) {
     return transact(fd, header);
 }
 
-int vlanLinkAdd(int fd, std::string_view name, int parentIndex, std::uint16_t vlanId) {
+int vlanLinkAdd(int fd, std::string_view name, int parentIndex, std::uint16_t vlanId,
+                int namespaceFd, unsigned mtu) {
     alignas(nlmsghdr) std::array<char, bufferSize> buffer{};
     nlmsghdr* header = requestHeader(buffer.data(), RTM_NEWLINK, NLM_F_CREATE | NLM_F_EXCL);
     mnl_nlmsg_put_extra_header(header, sizeof(ifinfomsg));
@@ -164,6 +165,12 @@ int vlanLinkAdd(int fd, std::string_view name, int parentIndex, std::uint16_t vl
         return -EINVAL;
     }
     mnl_attr_put_u32(header, IFLA_LINK, static_cast<std::uint32_t>(parentIndex));
+    if (namespaceFd >= 0) {
+        mnl_attr_put_u32(header, IFLA_NET_NS_FD, static_cast<std::uint32_t>(namespaceFd));
+    }
+    if (mtu != 0) {
+        mnl_attr_put_u32(header, IFLA_MTU, mtu);
+    }
     nlattr* linkInfo = mnl_attr_nest_start(header, IFLA_LINKINFO);
     mnl_attr_put_strz(header, IFLA_INFO_KIND, "vlan");
     nlattr* vlanData = mnl_attr_nest_start(header, IFLA_INFO_DATA);

@@ -26,8 +26,11 @@ namespace Kestrune::Netlink {
 int linkIndex(int netlinkFd, std::string_view deviceName);
 // Moves a device of the socket's namespace into the namespace open on namespaceFd.
 int linkNamespaceIs(int netlinkFd, std::string_view deviceName, int namespaceFd);
-// Creates the VLAN device `name` with id `vlanId` on the device with index parentIndex.
-int vlanLinkAdd(int netlinkFd, std::string_view name, int parentIndex, std::uint16_t vlanId);
+// Creates the VLAN device `name` with id `vlanId` on the device with index parentIndex (of the
+// socket's namespace). Given a namespace descriptor, the device is made inside that namespace,
+// which costs no move; given an MTU, it is made with it, which costs no MTU change.
+int vlanLinkAdd(int netlinkFd, std::string_view name, int parentIndex, std::uint16_t vlanId,
+                int namespaceFd = -1, unsigned mtu = 0);
 // Adds an address of the family (AF_INET, AF_INET6) to an interface, with scope 0.
 // Whether adding an address that is there already succeeds (it is replaced) rather than
 // failing with EEXIST: for finishing a restore that was interrupted.
