@@ -115,6 +115,7 @@ TEST(ImageFiles, BashCompletesCommandsAndEachCommandsFlags) {
         // A flag's value: its choices, or nothing where no file could be one.
         {"kestrune restore --filter-rules \"\"", "first last\n"},
         {"kestrune simulate --filter-rules l", "last\n"},
+        {"kestrune restore --order \"\"", "fast library\n"},
         {"kestrune simulate --chip-refuses \"\"", "\n"},
         {"kestrune events --limit \"\"", "\n"},
     };

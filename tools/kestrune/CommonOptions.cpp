@@ -198,6 +198,7 @@ void plainValueNames(CLI::App& app) {
         {"--chip-refuses", "COMMAND"},
         {"--command-deadline", "SECONDS"},
         {"--filter-rules", "first|last"},
+        {"--order", "fast|library"},
         {"--since", "TIME|AGE"},
         {"--group", "GROUP"},
         {"--limit", "N"},

@@ -63,7 +63,8 @@ void addRestoreCommand(CLI::App& app, int& status) {
             std::cerr << "kestrune restore: " << problem << "\n";
             Log::logEvent("QueueHolder", problem);
         }
-        RestoreChoices choices{options->resume, options->guard.filterRulesFirst(), {}};
+        RestoreChoices choices{
+            options->resume, options->guard.filterRulesFirst(), options->guard.restoreOrder(), {}};
         choices.finished = [](const Driver& driver) { QueueHolder::doHandOff(driver); };
         const RestoreReport report =
             runRestore([] { return configParserCreatorFactory()->create(); }, {}, choices);

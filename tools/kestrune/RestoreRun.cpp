@@ -72,6 +72,7 @@ void runPhases(RestoreReport& report, const Timed& timed,
             driver = DriverCreator(config).create();
             if (driver) {
                 driver->resumeIs(choices.resume);
+                driver->orderIs(choices.order);
             }
             report.initialized = driver && driver->doInit();
         });
@@ -110,6 +111,14 @@ void RestoreGuardOptions::addTo(CLI::App& command) {
                     "tools then run against no addresses, and no address is up unfiltered), or "
                     "last, after the devices are configured, as the library's sequence does")
         ->check(CLI::IsMember({"first", "last"}))
+        ->capture_default_str();
+    command
+        .add_option("--order", order,
+                    "How the devices are made: fast, each VLAN device inside its VRF's namespace "
+                    "with its MTU (no move) and a Sand port's qdisc without a tc process, or "
+                    "library, the library's own order; both leave the same trace, events and "
+                    "devices")
+        ->check(CLI::IsMember({"fast", "library"}))
         ->capture_default_str();
 }
 
@@ -232,6 +241,7 @@ RestoreReport runRestore(const std::function<ConfigParser::Ptr()>& parserOf,
     RestoreReport report;
     report.resumed = choices.resume;
     report.filterRulesFirst = choices.filterRulesFirst;
+    report.order = choices.order;
     // Each phase ends with its events in the history, so a restore that dies in the next
     // one leaves at least these behind in the database (and the rest in its journal).
     const auto timed = [&report](const char* phase, const std::function<void()>& work) {
@@ -289,6 +299,8 @@ RestoreReport::json(const std::vector<std::pair<std::string, std::string>>& extr
     writer.Bool(resumed);
     writer.Key("filterRules");
     writer.String(filterRulesFirst ? "first" : "last");
+    writer.Key("order");
+    writer.String(restoreOrderName(order));
     for (const auto& [key, times] :
          {std::pair{"phasesMs", &phasesMs}, std::pair{"phasesStartMsSinceBoot", &phasesStartMs}}) {
         writer.Key(key);

@@ -24,6 +24,7 @@ struct RestoreReport {
     };
     bool resumed = false;
     bool filterRulesFirst = false;
+    RestoreOrder order = RestoreOrder::library;
     bool started = false; // a parser and a driver were found
     bool initialized = false;
     std::string platformType;
@@ -62,6 +63,10 @@ struct RestoreGuardOptions {
     double commandDeadlineSeconds = 30;
     std::string filterRules = "first";
     bool filterRulesFirst() const { return filterRules == "first"; }
+    std::string order = "fast";
+    RestoreOrder restoreOrder() const {
+        return order == "library" ? RestoreOrder::library : RestoreOrder::fast;
+    }
     void addTo(CLI::App& command);
     // Turns on every guard of the library with this command deadline: the restore stops
     // cleanly on SIGTERM and SIGINT.
@@ -83,6 +88,8 @@ struct RestoreChoices {
     // The filter rules before the devices: their tools' cost grows with the addresses already
     // there, and the CPU is never up without its filter. False keeps the library's order.
     bool filterRulesFirst = true;
+    // How the driver does its kernel work (Driver::orderIs); the same outcome either way.
+    RestoreOrder order = RestoreOrder::fast;
     // Sees the driver once the restore is over, before it is released with what it holds
     // (the queues of the devices it made); its events are failures of the restore.
     std::function<void(const Driver&)> finished;

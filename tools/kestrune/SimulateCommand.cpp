@@ -136,7 +136,8 @@ void addSimulateCommand(CLI::App& app, int& status) {
         Sim::ChipSimulator::environmentIs(chipTools, chipLog, "/run/kestrune-chip-registers");
         mountDefaultNs();
         std::shared_ptr<Sim::ChipSimulator> simulator;
-        RestoreChoices choices{false, options->guard.filterRulesFirst(), {}};
+        RestoreChoices choices{
+            false, options->guard.filterRulesFirst(), options->guard.restoreOrder(), {}};
         Config::PtrConst restored;
         std::vector<int> queues;
         choices.finished = [&restored, &queues](const Driver& driver) {
