@@ -199,6 +199,10 @@ std::string stdoutOf(const std::function<void()>& body) {
 std::vector<NamespaceState> settledState() {
     std::vector<NamespaceState> state = kernelState();
     for (NamespaceState& ns : state) {
+        // The kernel lists by index, which a device made inside its namespace gets there and
+        // a moved one brings along: the same devices, in another order.
+        std::sort(ns.devices.begin(), ns.devices.end(),
+                  [](const DeviceState& a, const DeviceState& b) { return a.name < b.name; });
         for (DeviceState& device : ns.devices) {
             device.operState = device.carrier ? "carrier" : "-";
         }

@@ -60,7 +60,9 @@ void run(const std::vector<std::string>& argv);
 
 // Every namespace's devices as a restore leaves them, without what the kernel settles on its
 // own time: the operational state, which its link watch sets a while after the carrier
-// changes. Carrier, set at once, says whether a device is up with its lower layer.
+// changes. Carrier, set at once, says whether a device is up with its lower layer. Each
+// namespace's devices are in name order: the kernel's is their indexes, which differ with how
+// a device got there.
 std::vector<NamespaceState> settledState();
 
 // What a block of code printed on standard output.
