@@ -1,7 +1,9 @@
-// The floor of the restore benchmark: the kernel operations a restore makes, in its order,
-// issued as directly as a program can (one ioctl or rtnetlink message each, one socket per
-// namespace, a namespace entered only when the thread is not there), from a plan that
-// bench/peers.py writes. What Kestrune takes above this is its own overhead.
+// The floor of the restore benchmark: kernel operations issued as directly as a program can
+// (one ioctl or rtnetlink message each, one socket per namespace, a namespace entered only
+// when the thread is not there), from a plan. bench/peers.py writes the restore's own
+// operations in the library's order: what Kestrune takes above that is its own overhead.
+// bench/bare-plan.py writes, from the store, the fewest operations that reach the same state:
+// what the kernel cannot do faster.
 //
 //   floor PLAN [DUMP OUTPUT]
 // exits 0 when every operation took; prints the milliseconds it took in all, then those of the
@@ -11,8 +13,11 @@
 //
 // Plan lines: "ns NAME", "tap NS DEVICE", "mtu NS DEVICE MTU", "mac NS DEVICE MAC",
 // "up NS DEVICE", "oper NS DEVICE", "addr NS DEVICE ADDRESS/PREFIX", "sysctl NS PATH VALUE",
-// "prio NS DEVICE", "run COMMAND LINE", "rules COMMAND FILE" (run with FILE on stdin),
-// "phase NAME" (the operations up to the next mark are timed as NAME's).
+// "prio NS DEVICE", "vlan NS DEVICE PARENT ID [MTU]" (PARENT in the default namespace, the
+// device made inside NS), "move FROM DEVICE TO", "link NS DEVICE MTU MAC|- [oper]" (MTU, MAC,
+// up and the operational state in one message; MTU 0 leaves it), "run COMMAND LINE", "rules COMMAND
+// FILE" (run with FILE on stdin), "phase NAME" (the operations up to the next mark are timed as
+// NAME's).
 #include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
@@ -26,6 +31,7 @@
 #include <libmnl/libmnl.h>
 #include <linux/if.h>
 #include <linux/if_addr.h>
+#include <linux/if_link.h>
 #include <linux/if_tun.h>
 #include <linux/pkt_sched.h>
 #include <linux/rtnetlink.h>
@@ -216,6 +222,81 @@ void setOperUp(const std::string& nsName, const std::string& device) {
     }
 }
 
+// A VLAN device on a device of the default namespace, made inside `nsName` (no move) and with
+// its MTU when one is given: one rtnetlink message.
+void addVlan(const std::string& nsName, const std::string& device, const std::string& parent,
+             int id, int mtu) {
+    // The default namespace's sockets reach it from wherever the thread is.
+    Namespace& home = namespaces["default"].socket >= 0 ? namespaces["default"] : enter("default");
+    const int parentIndex = indexOf(home, parent);
+    const int target = namespaces[nsName].fd;
+    char buffer[MNL_SOCKET_BUFFER_SIZE];
+    nlmsghdr* message = requestIn(buffer, RTM_NEWLINK, NLM_F_CREATE | NLM_F_EXCL);
+    mnl_nlmsg_put_extra_header(message, sizeof(ifinfomsg));
+    mnl_attr_put_strz(message, IFLA_IFNAME, device.c_str());
+    mnl_attr_put_u32(message, IFLA_LINK, static_cast<std::uint32_t>(parentIndex));
+    if (nsName != "default") {
+        mnl_attr_put_u32(message, IFLA_NET_NS_FD, static_cast<std::uint32_t>(target));
+    }
+    if (mtu > 0) {
+        mnl_attr_put_u32(message, IFLA_MTU, static_cast<std::uint32_t>(mtu));
+    }
+    nlattr* info = mnl_attr_nest_start(message, IFLA_LINKINFO);
+    mnl_attr_put_strz(message, IFLA_INFO_KIND, "vlan");
+    nlattr* data = mnl_attr_nest_start(message, IFLA_INFO_DATA);
+    mnl_attr_put_u16(message, IFLA_VLAN_ID, static_cast<std::uint16_t>(id));
+    mnl_attr_nest_end(message, data);
+    mnl_attr_nest_end(message, info);
+    if (!transact(home.netlink, message)) {
+        failed("vlan " + device);
+    }
+}
+
+// Moves a device between namespaces, as the library's order does with a VLAN device.
+void moveDevice(const std::string& from, const std::string& device, const std::string& to) {
+    const int target = enter(to).fd;
+    Namespace& ns = enter(from);
+    char buffer[MNL_SOCKET_BUFFER_SIZE];
+    nlmsghdr* message = requestIn(buffer, RTM_NEWLINK, 0);
+    mnl_nlmsg_put_extra_header(message, sizeof(ifinfomsg));
+    mnl_attr_put_strz(message, IFLA_IFNAME, device.c_str());
+    mnl_attr_put_u32(message, IFLA_NET_NS_FD, static_cast<std::uint32_t>(target));
+    if (!transact(ns.netlink, message)) {
+        failed("move " + device);
+    }
+}
+
+// A device's MTU, MAC, up flag and (with `oper`) operational state in one rtnetlink message.
+void setLink(const std::string& nsName, const std::string& device, int mtu, const std::string& mac,
+             bool oper) {
+    Namespace& ns = enter(nsName);
+    char buffer[MNL_SOCKET_BUFFER_SIZE];
+    nlmsghdr* message = requestIn(buffer, RTM_NEWLINK, 0);
+    auto* info = static_cast<ifinfomsg*>(mnl_nlmsg_put_extra_header(message, sizeof(ifinfomsg)));
+    info->ifi_flags = IFF_UP;
+    info->ifi_change = IFF_UP;
+    mnl_attr_put_strz(message, IFLA_IFNAME, device.c_str());
+    if (mtu > 0) {
+        mnl_attr_put_u32(message, IFLA_MTU, static_cast<std::uint32_t>(mtu));
+    }
+    if (mac != "-") {
+        unsigned bytes[6];
+        std::sscanf(mac.c_str(), "%x:%x:%x:%x:%x:%x", &bytes[0], &bytes[1], &bytes[2], &bytes[3],
+                    &bytes[4], &bytes[5]);
+        unsigned char address[6];
+        for (int i = 0; i < 6; ++i) {
+            address[i] = static_cast<unsigned char>(bytes[i]);
+        }
+        mnl_attr_put(message, IFLA_ADDRESS, sizeof address, address);
+    }
+    if (oper) {
+        mnl_attr_put_u8(message, IFLA_OPERSTATE, 6); // IF_OPER_UP
+    }
+    if (!transact(ns.netlink, message)) {
+        failed("link " + device);
+    }
+}
+
 void writeSysctl(const std::string& nsName, const std::string& path, const std::string& value) {
     enter(nsName);
     const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
@@ -295,8 +376,8 @@ int main(int argc, char** argv) {
     namespaces["default"].fd = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
     for (const std::string& line : lines) {
         std::istringstream words(line);
-        std::string op, a, b, c, d;
-        words >> op >> a >> b >> c >> d;
+        std::string op, a, b, c, d, e;
+        words >> op >> a >> b >> c >> d >> e;
         if (op == "phase") {
             if (&line != &lines.front()) {
                 phaseEnds();
@@ -319,6 +400,12 @@ int main(int argc, char** argv) {
             writeSysctl(a, b, c);
         } else if (op == "prio") {
             addPrio(a, b);
+        } else if (op == "vlan") {
+            addVlan(a, b, c, std::stoi(d), e.empty() ? 0 : std::stoi(e));
+        } else if (op == "move") {
+            moveDevice(a, b, c);
+        } else if (op == "link") {
+            setLink(a, b, std::stoi(c), d, e == "oper");
         } else if (op == "rules") {
             runRules(a, b);
         } else if (op == "run") {

@@ -26,6 +26,8 @@ def parse_arguments():
     parser.add_argument("--members", type=int, default=2, help="members per Port-Channel")
     parser.add_argument("--subintfs", type=int, default=6, help="subinterfaces")
     parser.add_argument("--svis", type=int, default=6, help="VLAN interfaces")
+    parser.add_argument("--first-svi", type=int, default=10,
+                        help="VLAN id of the first VLAN interface (the others follow it)")
     parser.add_argument("--vrfs", type=int, default=2, help="VRFs besides the default one")
     parser.add_argument("--rules", type=int, default=20, help="filter rules per family")
     parser.add_argument("--compact", action="store_true", help="no indentation")
@@ -35,6 +37,8 @@ def parse_arguments():
         arguments.routed = arguments.ports // 4
     if arguments.lags * arguments.members + arguments.routed > arguments.ports:
         parser.error("not enough ports for the routed ports and the Port-Channel members")
+    if arguments.svis and not 1 <= arguments.first_svi <= 4095 - arguments.svis:
+        parser.error("VLAN interfaces need VLAN ids within 1-4094")
     if arguments.subintfs and not (arguments.routed or arguments.lags):
         parser.error("subinterfaces need a routed port or a Port-Channel to sit on")
     return arguments
@@ -110,7 +114,7 @@ class Store:
             self.address(name, i, 3, ipv6=i % 2 == 0)
             self.mtus[name] = {"mtu": 1500, "l2Mtu": 1518}
         for i in range(a.svis):
-            name = "Vlan%d" % (10 + i)
+            name = "Vlan%d" % (a.first_svi + i)
             self.address(name, i, 4, secondaries=2 if i % 4 == 0 else 0)
             self.mtus[name] = {"mtu": 1500, "l2Mtu": 1514}
         for name in self.ports:

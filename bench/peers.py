@@ -3,8 +3,9 @@
 restore of it left (its report's "kernel") and the store's filter rules:
 
   plan.txt     the floor program's operations (bench/Floor.cpp): the kernel operations the
-               restore makes, in its order (the chip's devices made, MAC, up, oper up; the VRF
-               devices; then each layer-3 device's IPv6 switch, MTU, addresses and up)
+               restore makes, in the library's order (the chip's devices made, MAC, up, oper
+               up; the VLAN devices made in the default namespace and up; the VRF devices, a
+               VLAN device moved; then each layer-3 device's IPv6 switch, MTU, addresses, up)
   batch.sh     `ip -batch`, `tc -batch` and `sysctl -p` once per namespace
   shell.sh     one `ip`, `tc` or `sysctl` process per operation
 
@@ -53,7 +54,8 @@ def restorePlan(names, devices, modules, out):
         plan += ["run fab devrole %d switch" % module["modId"], "run fab devstate %d up" % module["modId"]]
     plan.append("phase create")
     placed = {device["name"] for ns, device in devices if ns != "default"}
-    chip = [(ns, d) for ns, d in devices if ns == "default"]
+    chip = [(ns, d) for ns, d in devices if ns == "default" and d["kind"] != "vlan"]
+    vlans = [(ns, d) for ns, d in devices if d["kind"] == "vlan"]
     fabric = [d for ns, d in chip if d["name"] == "fabric"]
     # The chip makes its devices with its frame size; the driver gives each its MAC and state.
     for device in fabric + [d for ns, d in chip if d["name"] != "fabric"]:
@@ -64,10 +66,17 @@ def restorePlan(names, devices, modules, out):
             plan.append("oper default %s" % name)
         if device["qdisc"] == "prio":
             plan.append("prio default %s" % name)
-    # A routed port of a VRF is made anew there; its chip device keeps the largest frames.
+    # Subinterfaces and SVIs: VLAN devices made in the default namespace and up.
+    for ns, device in vlans:
+        plan += ["vlan default %s %s %d" % (device["name"], device["parent"], device["vlanId"]),
+                 "up default %s" % device["name"]]
+    # A routed port of a VRF is made anew there, its chip device keeping the largest frames;
+    # a VLAN device is moved there.
     plan.append("phase move")
     for ns, device in devices:
-        if ns != "default":
+        if ns != "default" and device["kind"] == "vlan":
+            plan.append("move default %s %s" % (device["name"], ns))
+        elif ns != "default":
             plan += ["tap %s %s" % (ns, device["name"]),
                      "mac %s %s %s" % (ns, device["name"], device["mac"]),
                      "mtu default %s 10240" % device["name"]]
