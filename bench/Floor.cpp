@@ -42,6 +42,7 @@
 #include <string>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -373,6 +374,11 @@ int main(int argc, char** argv) {
         phaseMs.push_back(std::chrono::duration<double, std::milli>(now - phaseStart).count());
         phaseStart = now;
     };
+    // A TAP device's queue stays open for its carrier: one descriptor a port.
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
     namespaces["default"].fd = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
     for (const std::string& line : lines) {
         std::istringstream words(line);

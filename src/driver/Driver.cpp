@@ -12,6 +12,8 @@
 #include "util/Utils.h"
 
 #include <algorithm>
+#include <linux/if.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 
@@ -279,6 +281,21 @@ int Driver::makeLayer3VlanDevice(const Interface& intf, std::string_view parent,
         vrfCreate_->madeInPlaceIs(kernelName);
     }
     return made;
+}
+
+void Driver::presetChipDeviceMtu(const Interface& intf, const std::string& kernelName) const {
+    const InterfaceType type = intf.interfaceType();
+    if (order_ != RestoreOrder::fast || intf.netNsName().empty() ||
+        (type != InterfaceType::RoutedPort_ && type != InterfaceType::LagRouted_)) {
+        return;
+    }
+    const int mtu = intf.netNsName() == DEFAULT_NS ? intf.mtu() : vrfPortChipMtu;
+    if (mtu > 0) {
+        ifreq request{};
+        kernelName.copy(request.ifr_name, IFNAMSIZ - 1);
+        request.ifr_mtu = mtu;
+        ioctl(sockFd(DEFAULT_NS), SIOCSIFMTU, &request);
+    }
 }
 
 bool Driver::createL2Interface(const Interface*, const std::string&) {

@@ -118,6 +118,12 @@ class Driver {
                              const std::string& kernelName, std::uint16_t vlan,
                              NamespaceName& madeIn);
 
+    // The fast order: a routed port's or LAG's chip device, still down, gets the MTU it ends
+    // with in the default namespace (its VRF copy's largest frames, or its own), as an MTU
+    // changed on a device that is up walks the namespace's IPv6 routes; the steps that set it
+    // later find it set. Silent: those steps say what fails.
+    void presetChipDeviceMtu(const Interface& intf, const std::string& kernelName) const;
+
   private:
     // The fast order's createVlanInterface: the device made in its VRF's namespace.
     bool createVlanInterfaceInPlace(const Interface* intf);

@@ -74,9 +74,9 @@ bool ZelVrfCreate::doMoveIntfToNetNs(const Interface* intf, int sockFd) {
     case InterfaceType::RoutedPort_:
     case InterfaceType::LagRouted_:
         ioctlUtil_->createIntf(kernelName, bridgeMacOf(*config_), true, destination);
-        if (!setMtu(kernelName.c_str(), 10240, sockFd)) {
-            TRACE(0) << "Unable to set MTU of " << kernelName << " to " << 10240;
-            eventIs("Unable to set MTU of " + kernelName + " to " + "10240");
+        if (!setMtu(kernelName.c_str(), static_cast<unsigned>(vrfPortChipMtu), sockFd)) {
+            TRACE(0) << "Unable to set MTU of " << kernelName << " to " << vrfPortChipMtu;
+            eventIs("Unable to set MTU of " + kernelName + " to " + std::to_string(vrfPortChipMtu));
         }
         return true;
     default:

@@ -11,6 +11,10 @@
 
 namespace Kestrune {
 
+// The MTU a VRF's routed port's device keeps in the default namespace: the largest frames,
+// whatever its copy inside the VRF carries.
+inline constexpr int vrfPortChipMtu = 10240;
+
 // Turns the VRFs of the restored configuration into network namespaces, one for each distinct
 // non-default `netNsName` of an interface, and later puts each VRF member's device into its
 // namespace.

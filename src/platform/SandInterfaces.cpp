@@ -36,6 +36,7 @@ bool SandDriver::createInterface(const Interface* intf, const std::string& mac, 
         !doFabIoctl(formatted("internalvlan %d %s", integer(port.internalVlan()), k.c_str()))) {
         return failed("Unable to set internalvlan for " + intf->name());
     }
+    presetChipDeviceMtu(*intf, k);
     if (const std::string failure = cpuDeviceUp(k, mac, sockFd(DEFAULT_NS), netlinkFd(DEFAULT_NS));
         !failure.empty()) {
         return failed(failure);
