@@ -15,9 +15,9 @@
 // "up NS DEVICE", "oper NS DEVICE", "addr NS DEVICE ADDRESS/PREFIX", "sysctl NS PATH VALUE",
 // "prio NS DEVICE", "vlan NS DEVICE PARENT ID [MTU]" (PARENT in the default namespace, the
 // device made inside NS), "move FROM DEVICE TO", "link NS DEVICE MTU MAC|- [oper]" (MTU, MAC,
-// up and the operational state in one message; MTU 0 leaves it), "run COMMAND LINE", "rules COMMAND
-// FILE" (run with FILE on stdin), "phase NAME" (the operations up to the next mark are timed as
-// NAME's).
+// up and the operational state in one message; MTU 0 leaves it), "set NS DEVICE MTU MAC|-"
+// (the same, the device left down), "run COMMAND LINE", "rules COMMAND FILE" (run with FILE on
+// stdin), "phase NAME" (the operations up to the next mark are timed as NAME's).
 #include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
@@ -267,15 +267,16 @@ void moveDevice(const std::string& from, const std::string& device, const std::s
     }
 }
 
-// A device's MTU, MAC, up flag and (with `oper`) operational state in one rtnetlink message.
+// A device's MTU, MAC, up flag (with `up`) and operational state (with `oper`) in one
+// rtnetlink message.
 void setLink(const std::string& nsName, const std::string& device, int mtu, const std::string& mac,
-             bool oper) {
+             bool up, bool oper) {
     Namespace& ns = enter(nsName);
     char buffer[MNL_SOCKET_BUFFER_SIZE];
     nlmsghdr* message = requestIn(buffer, RTM_NEWLINK, 0);
     auto* info = static_cast<ifinfomsg*>(mnl_nlmsg_put_extra_header(message, sizeof(ifinfomsg)));
-    info->ifi_flags = IFF_UP;
-    info->ifi_change = IFF_UP;
+    info->ifi_flags = up ? IFF_UP : 0;
+    info->ifi_change = up ? IFF_UP : 0;
     mnl_attr_put_strz(message, IFLA_IFNAME, device.c_str());
     if (mtu > 0) {
         mnl_attr_put_u32(message, IFLA_MTU, static_cast<std::uint32_t>(mtu));
@@ -411,7 +412,9 @@ int main(int argc, char** argv) {
         } else if (op == "move") {
             moveDevice(a, b, c);
         } else if (op == "link") {
-            setLink(a, b, std::stoi(c), d, e == "oper");
+            setLink(a, b, std::stoi(c), d, true, e == "oper");
+        } else if (op == "set") {
+            setLink(a, b, std::stoi(c), d, false, false);
         } else if (op == "rules") {
             runRules(a, b);
         } else if (op == "run") {

@@ -2,8 +2,10 @@
 """Writes the bare floor's plan for bench/Floor.cpp from a store: the fewest kernel operations
 that leave the state a restore of the store must leave. Every device is made where it ends,
 the chip's ones in the default namespace, a VRF's inside its namespace, a VLAN device with its
-MTU in the message that makes it; its addresses go on while it is down; then one message gives
-it its MTU, MAC, up flag and (a chip device) operational state. A Sand port's prio qdisc is
+MTU in the message that makes it, and given its MTU and MAC in one message while no device is
+up (an MTU change walks the IPv6 routes of the namespace, which only devices that are up
+have); then the addresses go on while the devices are still down; then one message a device
+brings it up, with a chip device's operational state. A Sand port's prio qdisc is
 one rtnetlink message, not a tc process. No move, no MTU changed on a device that is up, no
 sysctl that would write the value already there. The chip's bring-up commands and the filter
 rules (restored first, as the command line does) cost what they cost in the restore.
@@ -85,40 +87,45 @@ def plan_of(store, out):
             file.write(rules.get(family, ""))
         plan.append("rules %s-restore %s" % (family, path))
     plan.append("phase devices")
-    plan.append("tap default fabric")
-    plan.append("link default fabric %d %s" % (CHIP_MTU, mac))
+    # Every device made, with its MTU and MAC, while none is up: an MTU change walks the
+    # namespace's IPv6 routes, which only devices that are up have. Then the addresses, on
+    # devices still down; then each device up, the chip's with their operational state.
+    made, settings, addressed, up = [], [], [], []
+    made.append("tap default fabric")
+    settings.append("set default fabric %d %s" % (CHIP_MTU, mac))
+    up.append("link default fabric 0 -")
     for name in chip:
         k = kernel_name(name)
-        plan.append("tap default %s" % k)
+        made.append("tap default %s" % k)
         if not strata:
-            plan.append("prio default %s" % k)
+            settings.append("prio default %s" % k)
         size = CHIP_MTU
         if name in routed and name in oku:
             if namespace(oku[name]) == "default":
                 size = mtu(name)
-                plan += ["addr default %s %s" % (k, a) for a in addresses(oku[name])]
+                addressed += ["addr default %s %s" % (k, a) for a in addresses(oku[name])]
             else:
                 size = VRF_COPY_MTU
-        plan.append("link default %s %d %s oper" % (k, size, mac))
+        settings.append("set default %s %d %s" % (k, size, mac))
+        up.append("link default %s 0 - oper" % k)
     # One namespace after the other: the thread enters each once.
     for name in sorted(placed, key=lambda name: namespace(oku[name])):
         ns, k = namespace(oku[name]), kernel_name(name)
         if name in svis:
-            plan.append("vlan %s %s fabric %s %d" % (ns, k, name[len("Vlan"):], mtu(name)))
+            made.append("vlan %s %s fabric %s %d" % (ns, k, name[len("Vlan"):], mtu(name)))
         elif name in subintfs:
             parent, _ = name.split(".", 1)
-            plan.append("vlan %s %s %s %d %d" % (ns, k, kernel_name(parent),
+            made.append("vlan %s %s %s %d %d" % (ns, k, kernel_name(parent),
                                                  vant["subIntfNameToEncapVlanId"][name],
                                                  mtu(name)))
         elif ns != "default":
-            plan.append("tap %s %s" % (ns, k))
+            made.append("tap %s %s" % (ns, k))
+            settings.append("set %s %s %d %s" % (ns, k, mtu(name), mac))
         else:
             continue  # a routed chip device of the default VRF: made above
-        plan += ["addr %s %s %s" % (ns, k, a) for a in addresses(oku[name])]
-        if name in svis or name in subintfs:
-            plan.append("link %s %s 0 -" % (ns, k))
-        else:
-            plan.append("link %s %s %d %s" % (ns, k, mtu(name), mac))
+        addressed += ["addr %s %s %s" % (ns, k, a) for a in addresses(oku[name])]
+        up.append("link %s %s 0 -" % (ns, k))
+    plan += made + settings + addressed + up
     plan.append("sysctl default /proc/sys/net/ipv6/conf/all/forwarding 1")
     return plan
 
