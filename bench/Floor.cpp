@@ -430,6 +430,9 @@ int main(int argc, char** argv) {
     }
     std::printf("\n");
     if (argc == 4) {
+        // A TAP device's root qdisc is attached when the kernel's link watch sees its carrier
+        // come on, up to a second after it did: the state is read once that has run.
+        sleep(2);
         setns(namespaces["default"].fd, CLONE_NEWNET);
         const std::string dump = std::string(argv[2]) + " > " + argv[3];
         if (std::system(dump.c_str()) != 0) {

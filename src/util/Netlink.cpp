@@ -13,6 +13,7 @@
 #include <linux/pkt_sched.h>
 #include <linux/rtnetlink.h>
 #include <string>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 namespace Kestrune::Netlink {
@@ -101,14 +102,6 @@ ifaddrmsg* addressHeader(nlmsghdr* header, std::uint8_t family, int ifIndex, int
     return address;
 }
 
-int indexOfAnswer(const nlmsghdr* message, void* data) {
-    if (message->nlmsg_type == RTM_NEWLINK) {
-        const auto* link = static_cast<const ifinfomsg*>(mnl_nlmsg_get_payload(message));
-        *static_cast<int*>(data) = link->ifi_index;
-    }
-    return 0;
-}
-
 } // namespace
 
 namespace {
@@ -131,18 +124,17 @@ int addressAdd(int fd, std::uint8_t family, int ifIndex, const void* address,
 }
 
 int linkIndex(int fd, std::string_view deviceName) {
-    alignas(nlmsghdr) std::array<char, bufferSize> buffer{};
-    nlmsghdr* header = requestHeader(buffer.data(), RTM_GETLINK, 0);
-    mnl_nlmsg_put_extra_header(header, sizeof(ifinfomsg));
-    if (!putName(header, deviceName)) {
+    if (deviceName.empty() || deviceName.size() >= IFNAMSIZ) {
         return -ENODEV;
     }
-    int index = 0;
-    const int result = transact(fd, header, indexOfAnswer, &index);
-    if (result < 0) {
-        return result;
+    // Any socket answers for its own namespace, and the ioctl costs the kernel none of the
+    // whole link message a RTM_GETLINK answer is built of: a restore asks once a VLAN device.
+    ifreq request{};
+    deviceName.copy(request.ifr_name, deviceName.size());
+    if (ioctl(fd, SIOCGIFINDEX, &request) < 0) {
+        return -errno;
     }
-    return index > 0 ? index : -ENODEV;
+    return request.ifr_ifindex > 0 ? request.ifr_ifindex : -ENODEV;
 }
 
 int linkNamespaceIs(int fd, std::string_view deviceName, int namespaceFd) {
