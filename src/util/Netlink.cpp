@@ -48,12 +48,10 @@ bool putName(nlmsghdr* header, std::string_view name) {
     return true;
 }
 
-using Answer = int (*)(const nlmsghdr* message, void* data);
-
 // Sends the request and reads until the kernel acknowledges it. Messages answering other
-// requests (an earlier one whose acknowledgement was never read) are skipped. Data messages
-// of this request go to `answer`. Returns 0 or the negative errno.
-int transact(int fd, nlmsghdr* request, Answer answer = nullptr, void* data = nullptr) {
+// requests (an earlier one whose acknowledgement was never read) are skipped. Returns 0 or
+// the negative errno.
+int transact(int fd, nlmsghdr* request) {
     sockaddr_nl kernel{};
     kernel.nl_family = AF_NETLINK;
     const auto sent = sendto(fd, request, request->nlmsg_len, 0,
@@ -80,12 +78,6 @@ int transact(int fd, nlmsghdr* request, Answer answer = nullptr, void* data = nu
             if (message->nlmsg_type == NLMSG_ERROR) {
                 const auto* error = static_cast<const nlmsgerr*>(mnl_nlmsg_get_payload(message));
                 return error->error;
-            }
-            if (answer != nullptr && message->nlmsg_type != NLMSG_DONE) {
-                const int result = answer(message, data);
-                if (result != 0) {
-                    return result;
-                }
             }
         }
     }
