@@ -3,8 +3,8 @@
 # lint, builds the default and the sanitizer build, runs every test tier in both, checks
 # that an installed Kestrune is usable from CMake and pkg-config, builds the Debian packages
 # and uses them in a fresh Debian 12 root (scripts/package-test.sh), builds and tests the
-# 32-bit x86 production target in a Debian i386 root and guest, and fuzzes the store
-# parser for a minute (FUZZ_SECONDS to change that; 0 skips the fuzz build).
+# 32-bit x86 production target in a Debian i386 root and guest, and fuzzes the store parser
+# and the chip device daemon for a minute each (FUZZ_SECONDS to change that; 0 skips them).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -70,24 +70,33 @@ check_package() {
     "$consumer/pkgconfig-consumer"
 }
 
-fuzz() {
-    local seconds=${FUZZ_SECONDS:-60}
-    [ "$seconds" -gt 0 ] || return 0
-    step "fuzz ($seconds s)"
-    cmake --preset fuzz >/dev/null
-    cmake --build --preset fuzz --target store-fuzz
-    local corpus
+# One fuzz target for `seconds`, over its seeds in the tree; new inputs go to a scratch folder
+# and the seeds stay as they are.
+fuzz_target() {
+    local target=$1 seeds=$2 seconds=$3 corpus
     corpus=$(mktemp -d)
     trap 'rm -rf "$corpus"' RETURN
-    # New inputs go to the scratch folder; the seeds in the tree stay as they are.
     LSAN_OPTIONS=suppressions=$PWD/tests/lsan.supp \
-        build-fuzz/bin/store-fuzz -max_total_time="$seconds" -print_final_stats=1 \
-        -artifact_prefix="$corpus/" "$corpus" tests/fuzz/corpus 2>&1 | grep -E '^(#[0-9]+ +DONE|stat::number_of_executed_units)' || true
+        "build-fuzz/bin/$target" -max_total_time="$seconds" -print_final_stats=1 \
+        -artifact_prefix="$corpus/" "$corpus" "$seeds" 2>&1 | grep -E '^(#[0-9]+ +DONE|stat::number_of_executed_units)' || true
     if ls "$corpus"/crash-* "$corpus"/leak-* "$corpus"/timeout-* >/dev/null 2>&1; then
-        echo "FAILED: the fuzzer found an input that breaks the parser or the checker:" >&2
+        echo "FAILED: $target found an input that breaks what it fuzzes:" >&2
         ls "$corpus"/crash-* "$corpus"/leak-* "$corpus"/timeout-* 2>/dev/null >&2
         return 1
     fi
+}
+
+# The store parser and checker, then the chip device daemon's request reader and parsers.
+fuzz() {
+    local seconds=${FUZZ_SECONDS:-60}
+    [ "$seconds" -gt 0 ] || return 0
+    step "fuzz ($seconds s a target)"
+    cmake --preset fuzz >/dev/null
+    cmake --build --preset fuzz --target store-fuzz chip-fuzz
+    echo "store-fuzz:"
+    fuzz_target store-fuzz tests/fuzz/corpus "$seconds"
+    echo "chip-fuzz:"
+    fuzz_target chip-fuzz tests/fuzz/chip-corpus "$seconds"
 }
 
 install_packages

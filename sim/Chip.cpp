@@ -4,6 +4,7 @@
 #include "util/KernelName.h"
 #include "util/Trace.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <sstream>
@@ -105,7 +106,7 @@ const std::set<std::string>& Chip::faultNames() {
 
 Chip::Chip(const std::string& logPath, Family family, std::set<std::string> refused,
            LogWrites writes)
-    : family_(family), refused_(std::move(refused)), writes_(writes) {
+    : family_(family), refused_(std::move(refused)), writes_(writes), logPath_(logPath) {
     if (!logPath.empty()) {
         // Appending: the chip's tools add their lines to the same log as they run.
         log_ = std::fopen(logPath.c_str(), "w");
@@ -127,13 +128,46 @@ Chip::~Chip() {
 }
 
 void Chip::log(const std::string& line) {
-    if (log_ != nullptr) {
-        std::fwrite(line.data(), 1, line.size(), log_);
-        std::fputc('\n', log_);
-        if (writes_ == LogWrites::eachLine) {
-            std::fflush(log_);
-        }
+    if (log_ == nullptr) {
+        return;
     }
+    // The log lives on /run, in memory: whoever can reach the nodes must not fill it.
+    std::string cut;
+    const std::string* text = &line;
+    if (line.size() > largestLogLine) {
+        cut = line.substr(0, largestLogLine) + "... (" + std::to_string(line.size()) + " bytes)";
+        text = &cut;
+    }
+    if (logBytes_ + static_cast<long>(text->size()) >= largestLog) {
+        doRotateLog();
+    }
+    std::fwrite(text->data(), 1, text->size(), log_);
+    std::fputc('\n', log_);
+    logBytes_ += static_cast<long>(text->size()) + 1;
+    if (writes_ == LogWrites::eachLine) {
+        std::fflush(log_);
+    }
+}
+
+void Chip::doRotateLog() {
+    std::fflush(log_);
+    // The chip's tools append to the same path, so what they wrote counts too.
+    const long size = std::ftell(log_);
+    if (size >= 0 && size < largestLog) {
+        logBytes_ = size;
+        return;
+    }
+    const std::string older = logPath_ + ".1";
+    if (std::rename(logPath_.c_str(), older.c_str()) != 0 ||
+        std::freopen(logPath_.c_str(), "a", log_) == nullptr) {
+        // Nowhere to write: better no more lines than a full /run.
+        if (log_ != nullptr) {
+            std::fclose(log_);
+        }
+        log_ = nullptr;
+        return;
+    }
+    logBytes_ = 0;
 }
 
 void Chip::doFlushLog() {
@@ -187,7 +221,46 @@ std::string Chip::malformation(Family family, const std::string& command) {
     return reason;
 }
 
-int Chip::fabricCommand(const std::string& command) {
+int Chip::deviceRequest(bool bde, unsigned long number, const unsigned char* bytes,
+                        std::size_t size, std::size_t* wanted, unsigned client) {
+    if (bde) {
+        *wanted = std::min(recordSize(number, bytes, size), largestRequest);
+        if (*wanted == 0) {
+            errno = ENOTTY;
+            return -1;
+        }
+        // The enable-interrupts record's length is known only once its count is read, so it
+        // can take two rounds.
+        return size < *wanted ? 0 : bdeRecord(number, bytes, size);
+    }
+    // The request number is the command's length with its terminating NUL.
+    *wanted = std::min<std::size_t>(number, largestRequest);
+    if (size < *wanted) {
+        return 0;
+    }
+    const char* text = reinterpret_cast<const char*>(bytes);
+    if (number == 0 || number > largestRequest || text[number - 1] != '\0' ||
+        std::strlen(text) != number - 1) {
+        log("refused fabric request " + std::to_string(number) +
+            ": its number is not the command's length plus one");
+        errno = EINVAL;
+        return -1;
+    }
+    return fabricCommand(text, client);
+}
+
+int Chip::tableRoom(std::size_t entries, const char* table) {
+    if (entries < largestTable) {
+        return 0;
+    }
+    log(std::string("refused: the ") + table + " table is full (" +
+        std::to_string(largestTable) + " entries)");
+    errno = ENOSPC;
+    return -1;
+}
+
+int Chip::fabricCommand(const std::string& command, unsigned client) {
+    client_ = client;
     log("fabric " + command);
     std::string problem = malformation(family_, command);
     const std::vector<std::string> words = wordsOf(command);
@@ -235,13 +308,21 @@ ChipPorts::Kind Chip::kindFor(const std::string& device) const {
     return ChipPorts::Kind::ethernet;
 }
 
-int Chip::newCpuDevice(const std::string& name) {
+int Chip::newCpuDevice(const std::string& name, unsigned client) {
+    unsigned& made = devicesOf_[client];
+    if (client != rootClient && made >= devicesPerClient) {
+        log("refused ifadd " + name + " from uid " + std::to_string(client) + ": it has made " +
+            std::to_string(made) + " devices, the most a client other than root may");
+        errno = EDQUOT;
+        return -1;
+    }
     if (ports_.made(name, kindFor("port")) != 0) {
         const int error = errno;
         TRACE(0) << "chip: cannot make the CPU device " << name << ": " << std::strerror(error);
-        errno = error == EEXIST ? EEXIST : EIO;
+        errno = error == EEXIST ? EEXIST : error == EMFILE ? EMFILE : EIO;
         return -1;
     }
+    ++made;
     return 0;
 }
 
@@ -251,7 +332,11 @@ std::size_t Chip::recordSize(unsigned long request, const unsigned char* known,
         return 16;
     }
     if (request == bdeEnableInterruptsRequest) {
-        return knownSize < 32 ? 32 : 32 + u32At(known, 28);
+        // A count past the largest request says the record is that large, not 32 bytes more
+        // than a count that wraps around a 32-bit size.
+        return knownSize < 32 ? 32
+                              : static_cast<std::size_t>(std::min<std::uint64_t>(
+                                    32 + std::uint64_t{u32At(known, 28)}, largestRequest + 1));
     }
     return 0;
 }
@@ -259,15 +344,26 @@ std::size_t Chip::recordSize(unsigned long request, const unsigned char* known,
 int Chip::strataCommand(const std::vector<std::string>& words) {
     const auto number = [&](std::size_t i) { return std::stoi(words[i]); };
     if (words[0] == "ifadd") {
-        return newCpuDevice(words[1]);
+        return newCpuDevice(words[1], client_);
     }
     if (words[0] == "internalvlan") {
         if (!ports_.has(words[1])) {
             errno = ENODEV;
             return -1;
         }
-        vlans_[words[1]][number(2)] = number(5);
+        auto& vlans = vlans_[words[1]];
+        if (vlans.count(number(2)) == 0 && tableRoom(vlans.size(), "VLAN") != 0) {
+            return -1;
+        }
+        vlans[number(2)] = number(5);
         return 0;
+    }
+    const auto lag = lags_.find(number(1));
+    if (lag == lags_.end() || lag->second.count({number(2), number(3)}) == 0) {
+        if (tableRoom(lagMembers_, "LAG member") != 0) {
+            return -1;
+        }
+        ++lagMembers_;
     }
     LagMember& member = lags_[number(1)][{number(2), number(3)}];
     member.modId = number(2);
@@ -301,6 +397,9 @@ int Chip::sandCommand(const std::vector<std::string>& words) {
         return refuse(EINVAL);
     }
     if (words[0] == "devname") {
+        if (tableRoom(faps_.size(), "FAP") != 0) {
+            return -1;
+        }
         return faps_.emplace(words[1], Fap{words[2], {}, false}).second ? 0 : refuse(EEXIST);
     }
     if (words[0] == "devparams" || words[0] == "devstate") {
@@ -325,7 +424,7 @@ int Chip::sandCommand(const std::vector<std::string>& words) {
         if (fap == faps_.end() || !fap->second.up) {
             return refuse(ENODEV);
         }
-        if (newCpuDevice(words[1]) != 0) {
+        if (newCpuDevice(words[1], client_) != 0) {
             return -1;
         }
         sandPorts_[words[1]] = SandPort{number(2), number(3), words[4]};
@@ -349,7 +448,15 @@ int Chip::sandCommand(const std::vector<std::string>& words) {
     return 0;
 }
 
-int Chip::bdeRecord(unsigned long request, const unsigned char* record) {
+int Chip::bdeRecord(unsigned long request, const unsigned char* record, std::size_t size) {
+    const std::size_t needed = recordSize(request, record, size);
+    if (needed > size || needed > largestRequest) {
+        log("refused bde request " + std::to_string(request) + ": its record says " +
+            std::to_string(needed) + " bytes, " + std::to_string(size) + " given, at most " +
+            std::to_string(largestRequest));
+        errno = EINVAL;
+        return -1;
+    }
     std::string line;
     const char* name = nullptr;
     if (request == bdeAddDeviceRequest) {

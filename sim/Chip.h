@@ -22,6 +22,19 @@ namespace Kestrune::Sim {
 class Chip {
   public:
     static constexpr unsigned cpuMtu = ChipPorts::cpuMtu;
+    // The most a fabric command or bde record can take: the driver's own bound.
+    static constexpr std::size_t largestRequest = 4096;
+    // The CPU devices a client other than root may have the chip make: each holds one of the
+    // daemon's descriptors, and a user who can open the nodes must not use them all up.
+    static constexpr unsigned devicesPerClient = 64;
+    // The entries of each of the chip's tables (LAG members, VLANs, FAPs).
+    static constexpr std::size_t largestTable = 65536;
+    // The chip log is rotated to "<log>.1" when it reaches this size; a line longer than
+    // largestLogLine is cut there.
+    static constexpr long largestLog = 8L << 20;
+    static constexpr std::size_t largestLogLine = 512;
+    // The client a request comes from: its user id. Root is the restore.
+    static constexpr unsigned rootClient = 0;
 
     enum class Family { strata, sand };
     // The family whose driver a platform type selects; Strata's for any unknown type.
@@ -52,11 +65,18 @@ class Chip {
     Chip(const Chip&) = delete;
     Chip& operator=(const Chip&) = delete;
 
+    // One request as a character device receives it: `size` bytes of the caller's memory for
+    // request `number` on the fabric node (whose number is the command's length plus one) or
+    // the bde node. Sets `wanted` to the bytes the request needs; when `size` is short of that
+    // it returns 0 and the caller asks for more. Else 0, or -1 with errno, as the chip answers.
+    // Whatever the bytes, nothing past `size` is read.
+    int deviceRequest(bool bde, unsigned long number, const unsigned char* bytes, std::size_t size,
+                      std::size_t* wanted, unsigned client);
     // One command of the fabric channel: 0, or -1 with errno.
-    int fabricCommand(const std::string& command);
-    // One bde request with its record (at least recordSize(request, ...) bytes): 0, or -1 with
-    // errno.
-    int bdeRecord(unsigned long request, const unsigned char* record);
+    int fabricCommand(const std::string& command, unsigned client = rootClient);
+    // One bde request with its `size` bytes of record: 0, or -1 with errno (EINVAL, with a
+    // line in the chip log, when the record is shorter than it says it is).
+    int bdeRecord(unsigned long request, const unsigned char* record, std::size_t size);
     // The bytes of a bde request's record, knowing its first `known` bytes (the count of the
     // enable-interrupts record says how long it is); 0 for a request the driver does not know.
     static std::size_t recordSize(unsigned long request, const unsigned char* known,
@@ -94,7 +114,10 @@ class Chip {
   private:
     int strataCommand(const std::vector<std::string>& words);
     int sandCommand(const std::vector<std::string>& words);
-    int newCpuDevice(const std::string& name);
+    int newCpuDevice(const std::string& name, unsigned client);
+    // Refuses, with a line in the chip log, when a table is full; 0 when it has room.
+    int tableRoom(std::size_t entries, const char* table);
+    void doRotateLog();
     // The kind of device the chip makes for "fabric" or a "port", by what it refuses.
     ChipPorts::Kind kindFor(const std::string& device) const;
     // What a chip in trouble does once a command has taken.
@@ -109,10 +132,15 @@ class Chip {
     Family family_;
     std::set<std::string> refused_;
     LogWrites writes_;
+    std::string logPath_;
     std::FILE* log_ = nullptr;
+    long logBytes_ = 0;
+    unsigned client_ = rootClient;
+    std::map<unsigned, unsigned> devicesOf_; // client -> the CPU devices it had the chip make
     ChipPorts ports_;
     bool fabricReset_ = false;
     std::map<int, std::map<std::pair<int, int>, LagMember>> lags_;
+    std::size_t lagMembers_ = 0;
     std::map<std::string, std::map<int, int>> vlans_;
     std::optional<std::array<int, 3>> driverParams_;
     std::map<std::string, Fap> faps_;

@@ -69,7 +69,10 @@ int ChipSimulator::ioctl(int fd, unsigned long request, void* argument) {
         return -1;
     }
     if (!fabric) {
-        return chip_.bdeRecord(request, static_cast<const unsigned char*>(argument));
+        // The restore's own memory: the record is as long as it says.
+        const auto* record = static_cast<const unsigned char*>(argument);
+        return chip_.bdeRecord(request, record,
+                               Chip::recordSize(request, record, Chip::largestRequest));
     }
     // The request number is the command's length with its terminating NUL.
     const char* text = static_cast<const char*>(argument);

@@ -4,7 +4,6 @@
 
 #include "platform/ChipDevice.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -17,9 +16,6 @@
 namespace Kestrune::Sim {
 
 namespace {
-
-// The most a fabric command or bde record can take; the driver's own bound.
-constexpr std::size_t largestRequest = 4096;
 
 std::string octal(unsigned value) {
     char text[16];
@@ -56,7 +52,8 @@ struct CuseCalls {
                       std::size_t inSize, std::size_t) {
         const auto number = static_cast<unsigned long>(static_cast<unsigned>(cmd));
         std::size_t wanted = 0;
-        const int result = node(req).request(number, in, inSize, &wanted);
+        const int result =
+            node(req).request(number, in, inSize, &wanted, fuse_req_ctx(req)->uid);
         if (wanted > inSize) {
             // The kernel copies only what the device asks for: ask for the record's bytes.
             const iovec from{arg, wanted};
@@ -159,32 +156,9 @@ std::string CuseNode::openRefusal(int flags) {
 }
 
 int CuseNode::request(unsigned long number, const void* record, std::size_t size,
-                      std::size_t* wanted) {
-    const auto* bytes = static_cast<const unsigned char*>(record);
-    if (kind_ == Kind::bde) {
-        *wanted = std::min(Chip::recordSize(number, bytes, size), largestRequest);
-        if (*wanted == 0) {
-            errno = ENOTTY;
-            return -1;
-        }
-        // The enable-interrupts record's length is known only once its count is read, so it
-        // can take two rounds.
-        return size < *wanted ? 0 : chip_.bdeRecord(number, bytes);
-    }
-    // The request number is the command's length with its terminating NUL.
-    *wanted = std::min<std::size_t>(number, largestRequest);
-    if (size < *wanted) {
-        return 0;
-    }
-    const char* text = static_cast<const char*>(record);
-    if (number == 0 || number > largestRequest || text[number - 1] != '\0' ||
-        std::strlen(text) != number - 1) {
-        chip_.log("refused fabric request " + std::to_string(number) +
-                  ": its number is not the command's length plus one");
-        errno = EINVAL;
-        return -1;
-    }
-    return chip_.fabricCommand(text);
+                      std::size_t* wanted, unsigned client) {
+    return chip_.deviceRequest(kind_ == Kind::bde, number,
+                               static_cast<const unsigned char*>(record), size, wanted, client);
 }
 
 } // namespace Kestrune::Sim

@@ -38,7 +38,8 @@ class CuseNode {
     friend struct CuseCalls;
     // "" when the open may go ahead, else why it is refused.
     std::string openRefusal(int flags);
-    int request(unsigned long number, const void* record, std::size_t size, std::size_t* wanted);
+    int request(unsigned long number, const void* record, std::size_t size, std::size_t* wanted,
+                unsigned client);
 
     Chip& chip_;
     Kind kind_;

@@ -24,6 +24,7 @@
 #include <iostream>
 #include <poll.h>
 #include <sstream>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -143,6 +144,13 @@ int main(int argc, char** argv) {
         if (!options.foreground && detached(&readyPipe) != 0) {
             std::perror("kestrune-chip-daemon: cannot detach");
             return 1;
+        }
+        // A CPU device holds one descriptor: the chip's ports need as many as the kernel
+        // allows, as a kernel driver has no such limit.
+        rlimit files{};
+        if (::getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
+            files.rlim_cur = files.rlim_max;
+            ::setrlimit(RLIMIT_NOFILE, &files);
         }
         std::signal(SIGTERM, stop);
         std::signal(SIGINT, stop);

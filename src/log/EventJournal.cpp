@@ -6,7 +6,6 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
-#include <fstream>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -50,6 +49,37 @@ std::string unescaped(const std::string& text) {
         }
     }
     return out;
+}
+
+// A journal is trusted only when this process's user could have written it and nobody else
+// could: a FIFO or device would hang the read, and a file another user planted in a folder
+// they can write would be folded in as if a restore had recorded it. Opened without blocking
+// and without following a link; the descriptor, or -1 with what is wrong in problem.
+int trustedJournal(const std::string& path, int flags, std::string* problem) {
+    const int fd = ::open(path.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    struct stat status {};
+    std::string wrong;
+    if (fd < 0 || fstat(fd, &status) != 0) {
+        wrong = errno == ELOOP ? "it is a link" : std::strerror(errno);
+    } else if (!S_ISREG(status.st_mode)) {
+        wrong = "it is not a regular file";
+    } else if (status.st_uid != geteuid()) {
+        wrong = "it belongs to uid " + std::to_string(status.st_uid);
+    } else if ((status.st_mode & 07777) != 0600) {
+        char mode[8];
+        std::snprintf(mode, sizeof mode, "%04o", status.st_mode & 07777);
+        wrong = std::string("its mode is ") + mode + ", not 0600";
+    }
+    if (wrong.empty()) {
+        return fd;
+    }
+    if (fd >= 0) {
+        ::close(fd);
+    }
+    if (problem != nullptr) {
+        *problem = "event journal " + path + " left alone: " + wrong;
+    }
+    return -1;
 }
 
 std::vector<std::string> fieldsOf(const std::string& line) {
@@ -169,12 +199,20 @@ void EventJournal::appendFromSignal(const char* record, unsigned size) {
 
 std::vector<Event> EventJournal::eventsOf(const std::string& journalPath) {
     std::vector<Event> events;
-    std::ifstream file(journalPath, std::ios::binary);
-    for (std::string line; std::getline(file, line);) {
-        if (file.eof()) {
-            break; // no newline: a record cut short
-        }
-        std::vector<std::string> fields = fieldsOf(line);
+    const int fd = trustedJournal(journalPath, O_RDONLY, nullptr);
+    if (fd < 0) {
+        return events;
+    }
+    std::string bytes;
+    char buffer[65536];
+    for (ssize_t got; (got = ::read(fd, buffer, sizeof buffer)) > 0;) {
+        bytes.append(buffer, static_cast<std::size_t>(got));
+    }
+    ::close(fd);
+    // A last line without its newline is a record cut short: left out.
+    for (std::size_t start = 0, end; (end = bytes.find('\n', start)) != std::string::npos;
+         start = end + 1) {
+        std::vector<std::string> fields = fieldsOf(bytes.substr(start, end - start));
         if (fields.size() != 6) {
             continue;
         }
@@ -186,7 +224,8 @@ std::vector<Event> EventJournal::eventsOf(const std::string& journalPath) {
     return events;
 }
 
-std::vector<std::string> EventJournal::journalsOf(const std::string& historyPath) {
+std::vector<std::string> EventJournal::journalsOf(const std::string& historyPath,
+                                                  std::vector<std::string>* leftAlone) {
     std::vector<std::string> journals;
     const std::string prefix = baseOf(historyPath) + journalInfix;
     const std::string folder = folderOf(historyPath);
@@ -195,18 +234,28 @@ std::vector<std::string> EventJournal::journalsOf(const std::string& historyPath
         return journals;
     }
     while (const dirent* entry = readdir(directory)) {
-        if (std::strncmp(entry->d_name, prefix.c_str(), prefix.size()) == 0) {
-            journals.push_back(folder + "/" + entry->d_name);
+        if (std::strncmp(entry->d_name, prefix.c_str(), prefix.size()) != 0) {
+            continue;
+        }
+        const std::string journal = folder + "/" + entry->d_name;
+        std::string problem;
+        const int fd = trustedJournal(journal, O_RDONLY, &problem);
+        if (fd >= 0) {
+            ::close(fd);
+            journals.push_back(journal);
+        } else if (leftAlone != nullptr) {
+            leftAlone->push_back(problem);
         }
     }
     closedir(directory);
     return journals;
 }
 
-std::vector<std::string> EventJournal::orphansOf(const std::string& historyPath) {
+std::vector<std::string> EventJournal::orphansOf(const std::string& historyPath,
+                                                 std::vector<std::string>* leftAlone) {
     std::vector<std::string> orphans;
-    for (const std::string& journal : journalsOf(historyPath)) {
-        const int fd = ::open(journal.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    for (const std::string& journal : journalsOf(historyPath, leftAlone)) {
+        const int fd = trustedJournal(journal, O_RDONLY, nullptr);
         if (fd < 0) {
             continue;
         }

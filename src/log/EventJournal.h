@@ -37,11 +37,16 @@ class EventJournal {
     void doRemove();
 
     // The events of a journal file, oldest first; a record cut short by a crash is left out.
+    // Nothing from a journal that is not to be trusted (see journalsOf).
     static std::vector<Event> eventsOf(const std::string& journalPath);
     // The journals beside a history whose processes are gone (their locks can be taken).
-    static std::vector<std::string> orphansOf(const std::string& historyPath);
-    // Every journal beside a history, its process alive or not.
-    static std::vector<std::string> journalsOf(const std::string& historyPath);
+    static std::vector<std::string> orphansOf(const std::string& historyPath,
+                                              std::vector<std::string>* leftAlone = nullptr);
+    // Every journal beside a history, its process alive or not. Only regular files of this
+    // process's user with mode 0600 are journals; why each other name is left alone goes to
+    // leftAlone.
+    static std::vector<std::string> journalsOf(const std::string& historyPath,
+                                               std::vector<std::string>* leftAlone = nullptr);
 
     // Async-signal-safe: appends a prepared record to the open journal of this process.
     static void appendFromSignal(const char* record, unsigned size);

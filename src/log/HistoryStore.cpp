@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <set>
 #include <sqlite3.h>
 #include <stdexcept>
@@ -37,6 +38,16 @@ constexpr const char* insertEvent =
 
 constexpr const char* selectEvents =
     "SELECT time, persistence, agent, message_group, message, origin FROM event ORDER BY id";
+
+// A history is a file anyone may hand to `events`: its "event" must be a table, not a view
+// that never ends or a query that sorts gigabytes into temporary files.
+constexpr const char* eventIsTable =
+    "SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = 'event'";
+
+// How long one transaction of the restore, or one read of `events`, may take before it is cut
+// off; a trigger that never ends must not hold the restore's events.
+constexpr double storeSeconds = 5;
+constexpr double readSeconds = 30;
 
 constexpr mode_t folderMode = 0755;
 
@@ -81,6 +92,41 @@ bool hasOriginColumn(sqlite3* db) {
     return false;
 }
 
+double monotonicSeconds() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+// SQLite's progress handler: a non-zero answer interrupts the statement running.
+int pastDeadline(void* deadline) {
+    return monotonicSeconds() > *static_cast<double*>(deadline) ? 1 : 0;
+}
+
+// The history and its -wal and -shm files must be regular files of this process's user that
+// nobody else can open: SQLite would wait forever on a FIFO, and a shared lock another user
+// holds on -shm would keep every event in the journal. A file left readable by all (as older
+// versions made it) is made private. "" or what is wrong.
+std::string historyFileProblem(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+        return errno == ENOENT ? "" : path + ": " + (errno == ELOOP ? "a link" : std::strerror(errno));
+    }
+    struct stat status {};
+    std::string problem;
+    if (fstat(fd, &status) != 0) {
+        problem = path + ": " + std::strerror(errno);
+    } else if (!S_ISREG(status.st_mode)) {
+        problem = path + " is not a regular file";
+    } else if (status.st_uid != geteuid()) {
+        problem = path + " belongs to uid " + std::to_string(status.st_uid);
+    } else if ((status.st_mode & 077) != 0 && fchmod(fd, status.st_mode & 0700) != 0) {
+        problem = path + " cannot be made private: " + std::strerror(errno);
+    }
+    ::close(fd);
+    return problem;
+}
+
 // Makes each missing folder of the path with an explicit mode. The history's own folder must
 // be a real folder: a link planted there would put root's files wherever it points. "" or
 // the reason it cannot.
@@ -122,8 +168,14 @@ bool HistoryStore::doOpen() {
         problemIs("cannot open event history " + path_ + ": " + folderProblem);
         return false;
     }
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+        if (const std::string problem = historyFileProblem(path_ + suffix); !problem.empty()) {
+            problemIs("will not open event history " + path_ + ": " + problem);
+            return false;
+        }
+    }
     sqlite3* db = nullptr;
-    const mode_t mask = umask(S_IWGRP | S_IWOTH);
+    const mode_t mask = umask(S_IRWXG | S_IRWXO);
     int status =
         sqlite3_open_v2(path_.c_str(), &db,
                         SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW, nullptr);
@@ -144,6 +196,15 @@ bool HistoryStore::doOpen() {
         status = sqlite3_exec(db, originIndex, nullptr, nullptr, nullptr);
     }
     umask(mask);
+    if (status == SQLITE_BUSY || status == SQLITE_LOCKED) {
+        // Another writer has it (a second run sharing the history): as at a commit, the
+        // events wait in the journal and the next store tries again.
+        sqlite3_close(db);
+        locked_ = true;
+        TRACE_EXTRA(0) << "HistoryStore " << path_ << " is locked by another writer at open; "
+                       << eventLog_->pending().size() << " events wait in the journal";
+        return false;
+    }
     if (status == SQLITE_NOTADB || status == SQLITE_CORRUPT) {
         sqlite3_close(db);
         // Kept for whoever wants to read what is left of it; the restore needs a history now.
@@ -163,6 +224,7 @@ bool HistoryStore::doOpen() {
         return false;
     }
     db_ = db;
+    locked_ = false;
     return true;
 }
 
@@ -178,7 +240,12 @@ bool HistoryStore::doRestore() {
 }
 
 void HistoryStore::doFoldOrphans() {
-    for (const std::string& journal : EventJournal::orphansOf(path_)) {
+    std::vector<std::string> leftAlone;
+    const std::vector<std::string> orphans = EventJournal::orphansOf(path_, &leftAlone);
+    for (std::string& problem : leftAlone) {
+        problemIs(std::move(problem));
+    }
+    for (const std::string& journal : orphans) {
         if (doInsert(EventJournal::eventsOf(journal))) {
             ::unlink(journal.c_str());
         }
@@ -197,6 +264,8 @@ bool HistoryStore::doInsert(const std::vector<Event>& events) {
         return false;
     }
     bool stored = begun == SQLITE_OK;
+    double deadline = monotonicSeconds() + storeSeconds;
+    sqlite3_progress_handler(db_, 1000, pastDeadline, &deadline);
     if (stored) {
         Statement statement = prepare(db_, insertEvent);
         for (const Event& event : events) {
@@ -209,9 +278,13 @@ bool HistoryStore::doInsert(const std::vector<Event>& events) {
     if (stored) {
         stored = sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK;
     }
+    const bool cutOff = !stored && sqlite3_errcode(db_) == SQLITE_INTERRUPT;
+    sqlite3_progress_handler(db_, 0, nullptr, nullptr);
     if (!stored) {
         problemIs("cannot store " + std::to_string(events.size()) + " events in " + path_ + ": " +
-                  sqlite3_errmsg(db_));
+                  (cutOff ? "cut off after " + std::to_string(static_cast<int>(storeSeconds)) +
+                                " s; they wait in the journal"
+                          : std::string(sqlite3_errmsg(db_))));
         sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
     }
     return stored;
@@ -233,14 +306,27 @@ bool HistoryStore::doStore() {
     return true;
 }
 
-std::vector<Event> HistoryStore::historyOf(const std::string& path) {
+std::vector<Event> HistoryStore::historyOf(const std::string& path,
+                                           std::vector<std::string>* leftAlone) {
     struct stat status {};
     if (stat(path.c_str(), &status) != 0) {
         throw std::runtime_error("cannot read event history " + path + ": " + std::strerror(errno));
     }
+    if (!S_ISREG(status.st_mode)) {
+        throw std::runtime_error("cannot read event history " + path + ": not a regular file");
+    }
     sqlite3* raw = nullptr;
     int opened = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READONLY, nullptr);
     std::unique_ptr<sqlite3, decltype(&sqlite3_close)> db(raw, &sqlite3_close);
+    double deadline = monotonicSeconds() + readSeconds;
+    if (opened == SQLITE_OK) {
+        sqlite3_progress_handler(raw, 1000, pastDeadline, &deadline);
+        Statement table = prepare(raw, eventIsTable);
+        if (table && sqlite3_step(table.get()) == SQLITE_DONE) {
+            throw std::runtime_error("cannot read event history " + path +
+                                     ": it has no table named event");
+        }
+    }
     Statement statement =
         opened == SQLITE_OK ? prepare(raw, selectEvents) : Statement(nullptr, &sqlite3_finalize);
     if (!statement) {
@@ -257,12 +343,16 @@ std::vector<Event> HistoryStore::historyOf(const std::string& path) {
         events.back().origin = textColumn(statement.get(), 5);
         origins.insert(events.back().origin);
     }
+    if (opened == SQLITE_INTERRUPT) {
+        throw std::runtime_error("cannot read event history " + path + ": cut off after " +
+                                 std::to_string(static_cast<int>(readSeconds)) + " s");
+    }
     if (opened != SQLITE_DONE) {
         throw std::runtime_error("cannot read event history " + path + ": " + sqlite3_errmsg(raw));
     }
     // Events a process recorded but had not stored yet, or could not: it is still running,
     // was killed, or found the history locked.
-    for (const std::string& journal : EventJournal::journalsOf(path)) {
+    for (const std::string& journal : EventJournal::journalsOf(path, leftAlone)) {
         for (Event& event : EventJournal::eventsOf(journal)) {
             if (origins.insert(event.origin).second) {
                 events.push_back(std::move(event));

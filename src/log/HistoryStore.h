@@ -27,7 +27,7 @@ class HistoryStore {
 
     const std::string& path() const { return path_; }
 
-    // Opens the history, creating its folder (0755), file (0644) and table when this is the
+    // Opens the history, creating its folder (0755), file (0600) and table when this is the
     // first run, without following links; a file that is not a history is moved aside and a
     // new one started. Folds in the journals of processes that are gone. Traces a failure;
     // the pending events then stay queued for the next doStore.
@@ -41,9 +41,12 @@ class HistoryStore {
     // True when the last doStore found the history locked by another writer.
     bool locked() const { return locked_; }
 
-    // Every stored event, oldest first, with the events still waiting in journals. Throws
-    // std::runtime_error naming the file and the reason when the history cannot be read.
-    static std::vector<Event> historyOf(const std::string& path);
+    // Every stored event, oldest first, with the events still waiting in journals (why a
+    // journal was left alone goes to leftAlone). Reads only a table named "event", for at
+    // most 30 s. Throws std::runtime_error naming the file and the reason when the history
+    // cannot be read.
+    static std::vector<Event> historyOf(const std::string& path,
+                                        std::vector<std::string>* leftAlone = nullptr);
 
   private:
     bool doOpen();

@@ -158,14 +158,16 @@ TEST_F(RootSafety, WhatTheRestoreMakesHasItsOwnModeUnderUmask000) {
          0755},
         {"the history's folder", [&] { historyOfChild(TempDir(), history); },
          dir_.file("var/history"), 0755},
-        {"the history", [] {}, history, 0644},
+        // Nobody else may open the history: a shared lock on its -shm would hold every event.
+        {"the history", [] {}, history, 0600},
         {"the restore lock",
          [&] {
              std::filesystem::create_directory(dir_.file("run"));
              RestoreLock lock(dir_.file("run/kestrune/restore.lock"));
              lock.doTake();
          },
-         dir_.file("run/kestrune/restore.lock"), 0644},
+         // flock works on a read-only descriptor: a lock others can open, others can hold.
+         dir_.file("run/kestrune/restore.lock"), 0600},
     };
     for (const Made& made : cases) {
         SCOPED_TRACE(made.what);

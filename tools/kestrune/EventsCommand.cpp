@@ -174,8 +174,12 @@ void addEventsCommand(CLI::App& app, int& status) {
             return;
         }
         std::vector<Event> events;
+        std::vector<std::string> leftAlone;
         try {
-            events = selected(HistoryStore::historyOf(options->history), *options);
+            events = selected(HistoryStore::historyOf(options->history, &leftAlone), *options);
+            for (const std::string& problem : leftAlone) {
+                std::cerr << "kestrune events: " << problem << '\n';
+            }
         } catch (const std::runtime_error& e) {
             std::cerr << "kestrune events: " << e.what() << '\n';
             status = 1;
