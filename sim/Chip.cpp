@@ -93,7 +93,7 @@ const std::set<std::string>& Chip::faultNames() {
     static const std::set<std::string> names = [] {
         std::set<std::string> all{"adddevice",    "interrupts", "bde-reopen", "fabric-mac",
                                   "fabric-up",    "port-mac",   "port-up",    "port-mtu",
-                                  "fabric-reset", "port-reset"};
+                                  "fabric-reset", "port-reset", "fab",      "schan"};
         for (const CommandTable* table : {&strataCommands(), &sandCommands()}) {
             for (const auto& [name, shape] : *table) {
                 all.insert(name);

@@ -48,7 +48,8 @@ class Chip {
     // and "port-up" (so do the CPU devices of "ifadd"), "port-mtu" (those take no frames larger
     // than the CPU frame size), "fabric-reset" (the chip takes the fabric device down at its
     // first "ifadd"), "port-reset" (it takes a port down, for good, at its "internalvlan");
-    // "bde-reopen" (the bde node takes one open only; the character-device daemon checks it).
+    // "bde-reopen" (the bde node takes one open only; the character-device daemon checks it);
+    // "fab" and "schan" (the chip's tool of that name never answers, until it is killed).
     static const std::set<std::string>& faultNames();
 
     // When the chip log's lines reach the file. The chip's tools append to the same file, so

@@ -26,6 +26,21 @@ void ChipSimulator::environmentIs(const std::string& toolsDir, const std::string
     setenv("KESTRUNE_CHIP_REGISTERS", registers.c_str(), 1);
 }
 
+void ChipSimulator::refusedIs(std::set<std::string> names) {
+    std::string hanging;
+    for (const char* tool : {"fab", "schan"}) {
+        if (names.count(tool) != 0) {
+            hanging += hanging.empty() ? tool : std::string(",") + tool;
+        }
+    }
+    if (hanging.empty()) {
+        unsetenv("KESTRUNE_CHIP_TOOLS_HANG");
+    } else {
+        setenv("KESTRUNE_CHIP_TOOLS_HANG", hanging.c_str(), 1);
+    }
+    chip_.refusedIs(std::move(names));
+}
+
 int ChipSimulator::open(const char* path, int) {
     const std::string name(path);
     Node node{};

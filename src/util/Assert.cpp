@@ -44,6 +44,11 @@ void assertionFailed(const char* condition, const char* file, int line) {
     if (handler) {
         handler(condition, file, line);
     }
+    if (const int signal = stopSignal(); signal != 0) {
+        // The stop ended the command this step waited for; what failed is the stop's doing,
+        // so the restore ends as stopped, with its report and stop event.
+        throw StopRequested(signal);
+    }
     // A line the sink holds back goes out before the process ends.
     Trace::flush();
     // Under a service manager the lines are the journal's most severe of the restore.

@@ -18,7 +18,7 @@ namespace Kestrune::Testing {
 namespace {
 
 enum class History { plain, readOnly, full, corrupt, locked };
-enum class Tool { real, hangs, fails, closesInput };
+enum class Tool { real, hangs, fails, closesInput, stopsVerify };
 
 struct Fault {
     const char* name;
@@ -30,6 +30,7 @@ struct Fault {
     int markerCount;
     int endSignal; // how the process must end: a signal, or 0 for an exit
     int exitCode;
+    const char* chipRefuses = nullptr; // a chip fault to rehearse (see Chip::faultNames)
 };
 
 const Fault faults[] = {
@@ -39,6 +40,12 @@ const Fault faults[] = {
      "Created Kernel interface", 300, 0, 128 + SIGTERM},
     {"SIGTERM during filter rules", "large", Tool::hangs, History::plain, SIGTERM,
      "configureIptablesRules iptables-restore", 1, 0, 128 + SIGTERM},
+    // The stop kills the chip's tool the bring-up waits for: a stop, not the step's assertion.
+    {"SIGTERM while fab runs", "large", Tool::real, History::plain, SIGTERM,
+     "runCommand started fab devrole", 1, 0, 128 + SIGTERM, "fab"},
+    // After the restore, while simulate reads the rules back.
+    {"SIGTERM while verifying", "large", Tool::stopsVerify, History::plain, SIGTERM,
+     "stand-in: verifying", 1, 0, 128 + SIGTERM},
     {"SIGINT during creation", "large", Tool::real, History::plain, SIGINT,
      "Created Kernel interface", 300, 0, 128 + SIGINT},
     {"SIGKILL early", "large", Tool::real, History::plain, SIGKILL, "creating Namespace", 1,
@@ -91,6 +98,7 @@ class Faults : public PrivateNetwork {
     void toolIs(Tool tool) {
         const std::string path = dir_.file("tools/iptables-restore");
         std::filesystem::remove(path);
+        std::filesystem::remove(dir_.file("tools/ran"));
         switch (tool) {
         case Tool::real:
             break;
@@ -102,6 +110,13 @@ class Faults : public PrivateNetwork {
             break;
         case Tool::closesInput:
             writeTool(path, "exec 0<&-; sleep 1");
+            break;
+        case Tool::stopsVerify:
+            // The restore's run is the real tool's; the verification's says so in the trace,
+            // where the test waits for it, and waits to be stopped.
+            writeTool(path, "if [ -e " + dir_.file("tools/ran") + " ]; then echo 'stand-in: verifying' >> " +
+                                dir_.file("trace.txt") + "; sleep 5; exit 1; fi; touch " +
+                                dir_.file("tools/ran") + "; exec /usr/sbin/iptables-restore \"$@\"");
             break;
         }
     }
@@ -173,8 +188,13 @@ TEST_F(Faults, EveryEventRecordedIsOnDiskAndNoRestoreOutlivesItsDeadlines) {
         const std::string history = historyFor(fault.history);
         const std::string report = dir_.file("report.json");
         std::filesystem::remove(report);
-        CliRun run{{"simulate", dir_.file(std::string(fault.store) + ".json"), "--history", history,
-                    "--report", report, "--command-deadline", std::to_string(deadlineSeconds)},
+        std::vector<std::string> args{"simulate", dir_.file(std::string(fault.store) + ".json"),
+                                      "--history", history, "--report", report,
+                                      "--command-deadline", std::to_string(deadlineSeconds)};
+        if (fault.chipRefuses != nullptr) {
+            args.insert(args.end(), {"--chip-refuses", fault.chipRefuses});
+        }
+        CliRun run{args,
                    dir_.file("trace.txt"),
                    dir_.file("tools"),
                    fault.marker,
@@ -221,6 +241,12 @@ TEST_F(Faults, EveryEventRecordedIsOnDiskAndNoRestoreOutlivesItsDeadlines) {
             EXPECT_EQ(onDisk.size(), result.recorded.size());
         }
         if (fault.signal == SIGTERM || fault.signal == SIGINT) {
+            rapidjson::Document parsed;
+            parsed.Parse(contentOf(report).c_str());
+            ASSERT_TRUE(parsed.IsObject()) << "no report";
+            ASSERT_TRUE(parsed["stoppedBy"].IsString());
+            EXPECT_EQ(std::string(parsed["stoppedBy"].GetString()),
+                      fault.signal == SIGTERM ? "SIGTERM" : "SIGINT");
             ASSERT_FALSE(onDisk.empty());
             EXPECT_EQ(onDisk.back().group, "ProcessGuard");
             EXPECT_EQ(onDisk.back().message.rfind("stopped by SIG", 0), 0U);

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <map>
 #include <stdexcept>
 #include <string_view>
@@ -116,10 +117,19 @@ void CommonOptions::apply() {
     if (!traceFile_.empty()) {
         // Left open for the life of the process: the event log still traces while the
         // process exits.
-        std::FILE* stream = std::fopen(traceFile_.c_str(), "a");
+        // Not through a link: as root, one planted there would be appended to wherever it
+        // points.
+        const int fd = ::open(traceFile_.c_str(),
+                              O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644);
+        std::FILE* stream = fd >= 0 ? fdopen(fd, "a") : nullptr;
         if (!stream) {
+            const int error = errno;
+            if (fd >= 0) {
+                ::close(fd);
+            }
             throw CLI::ValidationError("--trace-file",
-                                       "cannot open " + traceFile_ + ": " + std::strerror(errno));
+                                       "cannot open " + traceFile_ + ": " +
+                                           (error == ELOOP ? "it is a link" : std::strerror(error)));
         }
         Trace::sinkIs(Trace::streamSink(stream));
     }

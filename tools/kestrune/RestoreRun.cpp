@@ -175,12 +175,18 @@ std::string RestoreReport::metrics() const {
 }
 
 bool reportWritten(const std::string& path, const std::string& json) {
-    std::ofstream out(path);
-    out << json << '\n';
-    out.close();
-    if (!out) {
-        std::cerr << "kestrune: cannot write the report " << path << ": " << std::strerror(errno)
-                  << "\n";
+    // Written as root: a link planted at the path would put the report over whatever it names.
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+    const std::string text = json + '\n';
+    const bool written =
+        fd >= 0 && ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    const int error = errno;
+    if (fd >= 0) {
+        ::close(fd);
+    }
+    if (!written) {
+        std::cerr << "kestrune: cannot write the report " << path << ": "
+                  << (error == ELOOP ? "it is a link" : std::strerror(error)) << "\n";
         return false;
     }
     return true;

@@ -4,12 +4,14 @@
 #include "CommonOptions.h"
 #include "RestoreRun.h"
 #include "VerifyCommand.h"
+#include "log/ProcessGuard.h"
 #include "parser/ConfigParserCreator.h"
 #include "platform/ChipDevice.h"
 #include "state/KernelState.h"
 #include "state/QueueHolder.h"
 #include "state/Verification.h"
 #include "util/Namespace.h"
+#include "util/Stop.h"
 #include "util/Trace.h"
 
 #include <cerrno>
@@ -144,7 +146,7 @@ void addSimulateCommand(CLI::App& app, int& status) {
             restored = driver.config();
             keepQueues(driver, queues);
         };
-        const RestoreReport report =
+        RestoreReport report =
             runRestore([&] { return configParserCreatorFactory()->createFrom(options->file); },
                        [&](const Config& config) {
                            simulator = std::make_shared<Sim::ChipSimulator>(
@@ -171,6 +173,15 @@ void addSimulateCommand(CLI::App& app, int& status) {
             std::cout << "\n" << verified.text();
             extra.emplace_back("verify", verified.json());
             drifted = verified.exitStatus() != 0;
+        }
+        if (stopSignal() != 0 && report.stoppedBy == 0) {
+            // Asked to stop while reading back (which may have cut a command short): the run
+            // was stopped, whatever the reading found.
+            report.stoppedBy = stopSignal();
+            ProcessGuard::doRecordStop(report.stoppedBy);
+            std::cout << "\nStopped by " << signalName(report.stoppedBy) << " while verifying\n";
+            extra.resize(1);
+            drifted = false;
         }
         const bool reported =
             options->report.empty() || reportWritten(options->report, report.json(extra));
