@@ -408,6 +408,10 @@ int Chip::sandCommand(const std::vector<std::string>& words) {
             return refuse(ENODEV);
         }
         if (words[0] == "devparams") {
+            // A device of no FAPs is no device: the driver keeps it down.
+            if (number(2) < 1) {
+                return refuse(EINVAL);
+            }
             fap->second.params.clear();
             for (std::size_t i = 2; i < words.size(); ++i) {
                 fap->second.params.push_back(number(i));

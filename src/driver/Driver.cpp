@@ -246,6 +246,12 @@ bool Driver::createVlanInterfaceWith(
         eventIs("Unable to create SVI " + intf->name() + ": not a kernel device name");
         return false;
     }
+    if (restoreGuards().valueRanges && !isVlanId(vlanIntf->vlan())) {
+        const std::string problem = vlanIdProblem(vlanIntf->vlan());
+        TRACE(0) << "Unable to create SVI " << intf->name() << ": " << problem;
+        eventIs("Unable to create SVI " + intf->name() + ": " + problem);
+        return false;
+    }
     if (make(kernelName, vlan, sockFd) != 0) {
         TRACE(0) << "Unable to create SVI " << kernelName;
         eventIs("Unable to create SVI " + kernelName);

@@ -13,15 +13,11 @@
 
 namespace Kestrune {
 
-namespace {
-
-std::string storePath() {
+std::string ConfigParserCreator::storePath() {
     const char* directory = std::getenv("ZEL_PSTORE_PATH");
     return std::string(directory ? directory : ConfigParserCreator::defaultStoreDirectory) +
            "/zel-persistent-store.json";
 }
-
-} // namespace
 
 ConfigParser::Ptr ConfigParserCreator::create() {
     return createFrom(storePath());

@@ -17,7 +17,9 @@ class ConfigParserCreator {
 
     static constexpr const char* defaultStoreDirectory = "/mnt/flash";
 
-    // Reads $ZEL_PSTORE_PATH/zel-persistent-store.json (default directory /mnt/flash).
+    // $ZEL_PSTORE_PATH/zel-persistent-store.json (default directory /mnt/flash).
+    static std::string storePath();
+    // Reads the store at storePath().
     ConfigParser::Ptr create();
     // The same for a store at any path: what `kestrune show` and tests read.
     ConfigParser::Ptr createFrom(const std::string& path);

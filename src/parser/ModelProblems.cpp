@@ -1,6 +1,10 @@
 #include "parser/ModelProblems.h"
 
 #include "driver/NamespaceName.h"
+#include "model/SandConfig.h"
+#include "model/SandInterface.h"
+#include "model/SubInterface.h"
+#include "model/VlanInterface.h"
 #include "parser/StorePointer.h"
 #include "util/KernelName.h"
 #include "util/Namespace.h"
@@ -18,6 +22,15 @@ bool isLayer3(InterfaceType type) {
     return type == InterfaceType::SVI_ || type == InterfaceType::SubIntf_ ||
            type == InterfaceType::RoutedPort_ || type == InterfaceType::LagRouted_;
 }
+
+// What the kernel takes as an Ethernet device's MTU (ETH_MIN_MTU, ETH_MAX_MTU), and the least
+// a device keeps IPv6 with.
+constexpr std::int32_t smallestMtu = 68;
+constexpr std::int32_t largestMtu = 65535;
+constexpr std::int32_t smallestIpv6Mtu = 1280;
+// The chip's CPU devices' MTU (fabric, and a port's device until the restore sets it): a VLAN
+// device over one takes no larger MTU.
+constexpr std::int32_t chipFrameSize = 9216;
 
 // Where in the store the interface comes from: the first section that names it.
 std::string interfacePointer(const rapidjson::Document& store, const std::string& name) {
@@ -42,7 +55,22 @@ class Finder {
     Finder(const rapidjson::Document& store, std::vector<StoreProblem>& problems)
         : store_(store), problems_(problems) {}
 
-    void check(const Interface& intf) {
+    // What the switch as a whole refuses: a bridge MAC the kernel does not give the fabric
+    // device (then nothing is made), and a Sand FAP the chip does not bring up.
+    void checkSwitch(const Config& config) {
+        if (!isUnicastMac(macBytesOf(config.bridgeMac()))) {
+            add("/Vant/bridgeMacAddr",
+                "bridge MAC \"" + config.bridgeMac() +
+                    "\" is not a unicast address the kernel takes: the fabric device refuses "
+                    "it, and no interface is made",
+                Consequence::SkipsSection);
+        }
+        if (const auto* sand = dynamic_cast<const SandConfig*>(&config)) {
+            sand_ = sand;
+        }
+    }
+
+    void check(const Interface& intf, const Config& config) {
         const std::string& name = intf.name();
         if (kernelIntfName(name).empty()) {
             add(interfacePointer(store_, name),
@@ -51,9 +79,10 @@ class Finder {
             return;
         }
         checkNamespace(intf);
-        if (!isLayer3(intf.interfaceType())) {
+        if (!checkMade(intf) || !isLayer3(intf.interfaceType())) {
             return;
         }
+        checkMtu(intf, config);
         const std::string okuEntry = pointerText({"Oku", "interfaces", name});
         checkAddress(okuEntry + "/ipAddress", intf.primaryIpv4(), AF_INET);
         for (const auto& [address, flag] : intf.secondaryIpv4()) {
@@ -65,6 +94,107 @@ class Finder {
     }
 
   private:
+    // Whether the platform makes the interface's device at all.
+    bool checkMade(const Interface& intf) {
+        const std::string& name = intf.name();
+        const InterfaceType type = intf.interfaceType();
+        if (sand_ != nullptr && (type == InterfaceType::SubIntf_ || type == InterfaceType::Lag_ ||
+                                 type == InterfaceType::LagRouted_)) {
+            add(interfacePointer(store_, name),
+                "a Sand switch makes no kernel device for " +
+                    std::string(type == InterfaceType::SubIntf_ ? "a subinterface" : "a Port-Channel") +
+                    ": " + name + " is reported as not created",
+                Consequence::SkipsEntry);
+            return false;
+        }
+        if (const auto* port = dynamic_cast<const SandInterface*>(&intf); port && sand_) {
+            const SandFapConfig fap = sand_->sandFapConfig(port->deviceName());
+            const std::string why =
+                !fap ? "no device \"" + port->deviceName() + "\" in the Sand section"
+                : static_cast<std::int32_t>(fap.numFaps()) < 1
+                    ? "its device " + port->deviceName() + " has " +
+                          std::to_string(static_cast<std::int32_t>(fap.numFaps())) +
+                          " FAPs, which the chip refuses"
+                    : "";
+            if (!why.empty()) {
+                add(pointerText({"SandTessaline", "interfaces", name, "deviceName"}),
+                    why + ": " + name + " is not created", Consequence::SkipsEntry);
+                return false;
+            }
+        }
+        if (type == InterfaceType::SVI_ || type == InterfaceType::SubIntf_) {
+            const std::uint32_t vlan = type == InterfaceType::SVI_
+                                           ? dynamic_cast<const VlanInterface&>(intf).vlan()
+                                           : dynamic_cast<const SubInterface&>(intf).encapVlan();
+            if (!isVlanId(vlan)) {
+                add(type == InterfaceType::SVI_
+                        ? pointerText({"Oku", "interfaces", name})
+                        : pointerText({"Vant", "subIntfNameToEncapVlanId", name}),
+                    vlanIdProblem(vlan) + ": " + name + " is not created", Consequence::SkipsEntry);
+                return false;
+            }
+        }
+        return true;
+    }
+
+    void checkMtu(const Interface& intf, const Config& config) {
+        const std::string& name = intf.name();
+        std::string pointer = pointerText({"Dorvel", "intfMtus", name, "mtu"});
+        if (!rapidjson::Pointer(pointer.c_str()).Get(store_)) {
+            pointer = interfacePointer(store_, name);
+        }
+        const std::int32_t mtu = intf.mtu();
+        const auto refused = [&](const std::string& why) {
+            add(pointer, "MTU " + std::to_string(mtu) + " of " + name + " " + why +
+                             ": the MTU is not set", Consequence::SkipsEntry);
+        };
+        if (mtu < smallestMtu || mtu > largestMtu) {
+            refused("is outside " + std::to_string(smallestMtu) + " to " +
+                    std::to_string(largestMtu) + ", which the kernel takes");
+            return;
+        }
+        const InterfaceType type = intf.interfaceType();
+        if (type == InterfaceType::SVI_ || type == InterfaceType::SubIntf_) {
+            const std::int32_t lower = lowerMtu(intf, config);
+            if (mtu > lower) {
+                refused("is larger than the " + std::to_string(lower) +
+                        " of the device it is a VLAN of");
+                return;
+            }
+        }
+        if (mtu < smallestIpv6Mtu && !intf.ipv6().empty()) {
+            add(pointer,
+                "MTU " + std::to_string(mtu) + " of " + name + " is below IPv6's " +
+                    std::to_string(smallestIpv6Mtu) +
+                    ": the kernel takes IPv6 off the device, and its IPv6 addresses are not added",
+                Consequence::SkipsEntry);
+        }
+    }
+
+    // The MTU of the device a VLAN device is made over, when its own MTU is set: fabric for
+    // an SVI; for a subinterface its port's device, which has the port's MTU by then when the
+    // port is routed in the default namespace (the port comes first in the walk).
+    static std::int32_t lowerMtu(const Interface& intf, const Config& config) {
+        if (intf.interfaceType() != InterfaceType::SubIntf_) {
+            return chipFrameSize;
+        }
+        // A name without a dot ends the restore before this matters; it must not end a check.
+        const std::size_t dot = intf.name().find('.');
+        if (dot == std::string::npos) {
+            return chipFrameSize;
+        }
+        const auto parent = config.interface().find(intf.name().substr(0, dot));
+        if (parent == config.interface().end() || !parent->second) {
+            return chipFrameSize;
+        }
+        const Interface& port = *parent->second;
+        const bool routedHere = (port.interfaceType() == InterfaceType::RoutedPort_ ||
+                                 port.interfaceType() == InterfaceType::LagRouted_) &&
+                                (port.netNsName().empty() || port.netNsName() == DEFAULT_NS);
+        return routedHere && port.mtu() >= smallestMtu && port.mtu() <= largestMtu ? port.mtu()
+                                                                                  : chipFrameSize;
+    }
+
     void add(std::string pointer, std::string message, Consequence consequence) {
         problems_.push_back({std::move(pointer), std::move(message), consequence});
     }
@@ -103,6 +233,7 @@ class Finder {
 
     const rapidjson::Document& store_;
     std::vector<StoreProblem>& problems_;
+    const SandConfig* sand_ = nullptr;
 };
 
 } // namespace
@@ -110,8 +241,9 @@ class Finder {
 std::vector<StoreProblem> modelProblemsOf(const Config& config, const rapidjson::Document& store) {
     std::vector<StoreProblem> problems;
     Finder finder(store, problems);
+    finder.checkSwitch(config);
     for (const auto& [name, intf] : config.interface()) {
-        finder.check(*intf);
+        finder.check(*intf, config);
     }
     return problems;
 }

@@ -22,7 +22,8 @@ namespace {
 using rapidjson::Pointer;
 using rapidjson::Value;
 
-constexpr std::array<std::pair<Consequence, std::string_view>, 4> consequenceTexts = {{
+constexpr std::array<std::pair<Consequence, std::string_view>, 5> consequenceTexts = {{
+    {Consequence::Warning, "warning"},
     {Consequence::SkipsEntry, "skips the entry"},
     {Consequence::SkipsSection, "skips the section"},
     {Consequence::NoRestore, "no restore"},
@@ -93,6 +94,9 @@ class Checker {
     }
 
     std::vector<StoreProblem> run() {
+        if (store_.IsObject()) {
+            unknownKeys(untouched_, schemaJson(), "", 0);
+        }
         if (checkPlatform()) {
             validate();
             applyRules();
@@ -106,6 +110,50 @@ class Checker {
   private:
     void add(const std::string& pointer, std::string message, Consequence consequence) {
         problems_.push_back({pointer, std::move(message), consequence});
+    }
+
+    // A schema rule with its "$ref" followed (to this schema's own definitions).
+    static const Value& resolved(const Value& rule) {
+        const Value* ref = member(&rule, "$ref");
+        if (ref && ref->IsString() && startsWith(textOf(*ref), "#")) {
+            if (const Value* target =
+                    Pointer(textOf(*ref).substr(1).c_str()).Get(schemaJson())) {
+                return *target;
+            }
+        }
+        return rule;
+    }
+
+    // Keys the restore does not read, in the sections it does: a warning each. The top level
+    // is every agent's, so its other sections are not the restore's business.
+    void unknownKeys(const Value& value, const Value& rawRule, const std::string& at,
+                     unsigned depth) {
+        const Value& rule = resolved(rawRule);
+        if (value.IsArray()) {
+            if (const Value* items = member(&rule, "items"); items && items->IsObject()) {
+                for (rapidjson::SizeType i = 0; i < value.Size(); ++i) {
+                    unknownKeys(value[i], *items, at + "/" + std::to_string(i), depth + 1);
+                }
+            }
+            return;
+        }
+        const Value* properties = member(&rule, "properties");
+        const Value* others = member(&rule, "additionalProperties");
+        if (!value.IsObject() || (!properties && !(others && others->IsObject()))) {
+            return;
+        }
+        for (const auto& entry : value.GetObject()) {
+            const std::string key = textOf(entry.name);
+            const std::string pointer = at + pointerToken(key);
+            if (const Value* known = member(properties, key.c_str())) {
+                unknownKeys(entry.value, *known, pointer, depth + 1);
+            } else if (others && others->IsObject()) {
+                unknownKeys(entry.value, *others, pointer, depth + 1);
+            } else if (depth > 0) {
+                add(pointer, "\"" + key + "\" is not a key the restore reads here: ignored",
+                    Consequence::Warning);
+            }
+        }
     }
 
     // The steps of opening a store, in the order the restore takes them; false when the

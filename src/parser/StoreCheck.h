@@ -6,8 +6,10 @@
 
 namespace Kestrune {
 
-// What the restore does about a problem in a store, least severe first.
-enum class Consequence { SkipsEntry, SkipsSection, NoRestore, EndsProcess };
+// What the restore does about a problem in a store, least severe first. A warning changes
+// nothing the restore does (a key it does not read, rules it could not load to see), but may
+// show a mistake: an interface whose "vfr" is not its "vrf" lands in the default VRF.
+enum class Consequence { Warning, SkipsEntry, SkipsSection, NoRestore, EndsProcess };
 
 std::string_view textOf(Consequence consequence);
 

@@ -7,6 +7,7 @@
 #include "platform/StrataDriver.h"
 #include "util/Format.h"
 #include "util/KernelName.h"
+#include "util/RestoreGuards.h"
 #include "util/Namespace.h"
 #include "util/NetDevice.h"
 #include "util/Trace.h"
@@ -79,6 +80,9 @@ bool StrataDriver::createSubInterface(const Interface* intf, const std::string&)
         return failed("Unable to create " + intf->name() + ": not a kernel device name");
     }
     const auto& sub = dynamic_cast<const SubInterface&>(*intf);
+    if (restoreGuards().valueRanges && !isVlanId(sub.encapVlan())) {
+        return failed("Unable to create " + intf->name() + ": " + vlanIdProblem(sub.encapVlan()));
+    }
     const std::string command =
         formatted("internalvlan %s %d 0 1 %d", p.c_str(), static_cast<int>(sub.internalVlan()),
                   static_cast<int>(sub.encapVlan()));

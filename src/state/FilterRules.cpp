@@ -1,8 +1,12 @@
 #include "state/FilterRules.h"
 
+#include "parser/StoreFile.h"
 #include "state/KernelState.h"
 #include "util/Command.h"
 #include "util/Namespace.h"
+#include "util/Json.h"
+
+#include <rapidjson/pointer.h>
 #include "util/RestoreGuards.h"
 
 #include <algorithm>
@@ -182,6 +186,40 @@ LoadedRules rulesAsLoaded(const RuleFamily& family, const std::string& text) {
         break;
     }
     return result;
+}
+
+std::vector<StoreProblem> ruleTextProblemsOf(const std::string& storeText) {
+    std::vector<StoreProblem> problems;
+    rapidjson::Document store;
+    std::string reason;
+    if (!StoreFile::doParse(storeText, store, reason)) {
+        return problems;
+    }
+    for (const RuleFamily* family : {&ipv4Rules, &ipv6Rules}) {
+        const std::string pointer = std::string("/Sabrel/") + family->name;
+        const rapidjson::Value* text = rapidjson::Pointer(pointer.c_str()).Get(store);
+        if (!text || !text->IsString() || text->GetStringLength() == 0) {
+            continue;
+        }
+        if (geteuid() != 0) {
+            problems.push_back({pointer,
+                                std::string("not checked: loading the rules into a scratch "
+                                            "network namespace takes root"),
+                                Consequence::Warning});
+            continue;
+        }
+        const LoadedRules loaded =
+            rulesAsLoaded(*family, std::string(text->GetString(), text->GetStringLength()));
+        if (loaded.outcome == LoadedRules::Outcome::rejected) {
+            problems.push_back({pointer,
+                                "refused by " + loaded.problem + ": the rules are not restored",
+                                Consequence::SkipsSection});
+        } else if (loaded.outcome == LoadedRules::Outcome::failed) {
+            problems.push_back(
+                {pointer, "not checked: " + loaded.problem, Consequence::Warning});
+        }
+    }
+    return problems;
 }
 
 } // namespace Kestrune

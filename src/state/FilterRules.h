@@ -1,5 +1,7 @@
 #pragma once
 
+#include "parser/StoreCheck.h"
+
 #include <map>
 #include <optional>
 #include <string>
@@ -45,5 +47,10 @@ struct LoadedRules {
 // namespace of its own and saved from there. So rules match however the store spells them
 // ("-p tcp --dport 22" is saved as "-p tcp -m tcp --dport 22").
 LoadedRules rulesAsLoaded(const RuleFamily& family, const std::string& text);
+
+// The store's rule texts that the restore tools would refuse, each loaded as above (so only
+// as root, which may make a network namespace; otherwise a warning says they are unchecked):
+// what `check` adds to the store's problems.
+std::vector<StoreProblem> ruleTextProblemsOf(const std::string& storeText);
 
 } // namespace Kestrune

@@ -1,6 +1,10 @@
 #include "state/Verification.h"
 
 #include "log/Log.h"
+#include "parser/ConfigParserCreator.h"
+#include "parser/StoreCheck.h"
+#include "parser/StoreFile.h"
+#include "util/Assert.h"
 #include "platform/ChipDevice.h"
 #include "state/ExpectedState.h"
 #include "state/FilterRules.h"
@@ -68,6 +72,51 @@ Verification verification(const Config& config) {
     result.read = rulesCompared(ipv4Rules, expected.iptables, result) &&
                   rulesCompared(ipv6Rules, expected.ip6tables, result);
     return result;
+}
+
+Verification verificationOfStore(const std::string& path) {
+    Verification result;
+    std::string bytes;
+    std::string reason;
+    if (StoreFile::doRead(path, bytes, reason) != StoreFile::Outcome::Read) {
+        result.problem = "cannot read the store: " + reason;
+        return result;
+    }
+    for (const StoreProblem& problem : StoreCheck::problemsOf(bytes)) {
+        if (problem.consequence >= Consequence::NoRestore) {
+            result.problem =
+                std::string(problem.consequence == Consequence::EndsProcess
+                                ? "a restore of this store ends the process: "
+                                : "this store gives no restore: ") +
+                (problem.pointer.empty() ? "" : problem.pointer + ": ") + problem.message;
+            return result;
+        }
+    }
+    rapidjson::Document document;
+    StoreFile::doParse(bytes, document, reason);
+    Config::Ptr config;
+    {
+        const Log::Capture notRecorded;
+        // What the checker cannot foresee still must not end a process that only reads.
+        const AssertionHandler previous = assertionHandler();
+        assertionHandlerIs(throwAssertionFailure);
+        try {
+            if (const auto parser = configParserCreatorFactory()->createFromDocument(document)) {
+                config = parser->parse();
+            }
+        } catch (const AssertionFailure& failure) {
+            result.problem =
+                std::string("a restore of this store ends the process: ") + failure.what();
+        }
+        assertionHandlerIs(previous);
+    }
+    if (!config) {
+        if (result.problem.empty()) {
+            result.problem = "this store gives no restore";
+        }
+        return result;
+    }
+    return verification(*config);
 }
 
 std::string Verification::json() const {

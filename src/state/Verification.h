@@ -30,4 +30,10 @@ struct Verification {
 // rules are loaded into a scratch network namespace of a child process, never the caller's.
 Verification verification(const Config& config);
 
+// The same for the store at path, read as `check` and the restore read it, so that whatever
+// the file holds the answer is one of the three: a store that cannot be read, that gives no
+// restore or that a restore cannot survive is "could not be read", with why in `problem`.
+// Reading the store records no events either.
+Verification verificationOfStore(const std::string& path);
+
 } // namespace Kestrune

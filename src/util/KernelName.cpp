@@ -13,11 +13,17 @@ bool isKernelDeviceName(std::string_view name) {
     }
     for (const char byte : name) {
         const auto code = static_cast<unsigned char>(byte);
-        if (byte == '/' || byte == ':' || byte == ' ' || code < 0x20 || code == 0x7f) {
+        // A "%" makes the kernel take the name as a template ("et%d" becomes "et0").
+        if (byte == '/' || byte == ':' || byte == ' ' || byte == '%' || code < 0x20 ||
+            code == 0x7f) {
             return false;
         }
     }
     return true;
+}
+
+std::string vlanIdProblem(std::uint32_t id) {
+    return "VLAN id " + std::to_string(static_cast<std::int32_t>(id)) + " is outside 1 to 4094";
 }
 
 } // namespace Kestrune

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -13,8 +14,15 @@ std::string kernelIntfName(std::string_view name);
 
 namespace Kestrune {
 
-// What the kernel accepts as a device name: 1 to 15 bytes, not "." or "..", no "/", ":",
-// blank or control character.
+// What the kernel accepts as a device name and keeps as given: 1 to 15 bytes, not "." or
+// "..", no "/", ":", blank or control character, and no "%" (which makes it a template).
 bool isKernelDeviceName(std::string_view name);
+
+// A VLAN id a VLAN device can carry: 1 to 4094 (0 tags priority only, 4095 is reserved).
+// Ids arrive as the store's 32-bit fields; shown signed, as the store wrote them.
+constexpr bool isVlanId(std::uint32_t id) {
+    return id >= 1 && id <= 4094;
+}
+std::string vlanIdProblem(std::uint32_t id);
 
 } // namespace Kestrune

@@ -21,6 +21,7 @@ RestoreGuards RestoreGuards::all() {
     guards.kernelNames = true;
     guards.chipNodesNoFollow = true;
     guards.storeBounds = true;
+    guards.valueRanges = true;
     guards.extraReports = true;
     return guards;
 }

@@ -26,7 +26,7 @@ struct RestoreGuards {
     // a recorded message saying how many descriptors it needs when it cannot have them.
     bool descriptorLimit = false;
     // An interface whose kernel name could not be a device name (over 15 bytes, a blank, a
-    // "/" or ":") fails before the name reaches a device, a chip command or a command line.
+    // "/", ":" or "%") fails before the name reaches a device, a chip command or a command line.
     bool kernelNames = false;
     // The chip's nodes (/dev/fabric, the bde device) are opened without following a link.
     bool chipNodesNoFollow = false;
@@ -34,6 +34,10 @@ struct RestoreGuards {
     // is refused without blocking (a FIFO) and said in the trace and the events, as is where a
     // store that is not JSON goes wrong, before the assertion that a corrupt store ends on.
     bool storeBounds = false;
+    // A VLAN id outside 1 to 4094 (an SVI's number, a subinterface's encapsulation) fails its
+    // device, and a prefix length past the family's (32, 128) fails its address, instead of
+    // being cut to the kernel field's width: 65537 would make VLAN 1, /256 a /0.
+    bool valueRanges = false;
     // Trace lines and events that the sequence does not have: a command that cannot start or
     // that a signal ended, a namespace that cannot be entered, each VRF device made, the
     // events recorded (level 9), a history that cannot be written, a link refused where a

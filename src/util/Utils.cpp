@@ -85,15 +85,29 @@ std::string macText(const ether_addr& mac) {
     return text;
 }
 
+ether_addr macBytesOf(std::string_view text) {
+    ether_addr mac{};
+    for (std::size_t i = 0; i < 6; ++i) {
+        mac.ether_addr_octet[i] = hexByteAt(text, i * 3);
+    }
+    return mac;
+}
+
+bool isUnicastMac(const ether_addr& mac) {
+    bool zero = true;
+    for (const unsigned char byte : mac.ether_addr_octet) {
+        zero = zero && byte == 0;
+    }
+    return !zero && (mac.ether_addr_octet[0] & 1) == 0;
+}
+
 bool setMacAddress(const char* deviceName, const char* mac, int socketFd) {
     TRACE(3) << "setMacAddress"
              << " " << deviceName << " " << mac;
     ifreq request = requestFor(deviceName);
     request.ifr_hwaddr.sa_family = ARPHRD_ETHER;
-    const std::string_view text(mac);
-    for (std::size_t i = 0; i < 6; ++i) {
-        request.ifr_hwaddr.sa_data[i] = static_cast<char>(hexByteAt(text, i * 3));
-    }
+    const ether_addr bytes = macBytesOf(mac);
+    std::memcpy(request.ifr_hwaddr.sa_data, bytes.ether_addr_octet, sizeof bytes.ether_addr_octet);
     if (ioctl(socketFd, SIOCSIFHWADDR, &request) < 0) {
         TRACE(0) << "SIOCSIFHWADDR error " << std::strerror(errno) << "\n";
         return false;
@@ -145,6 +159,10 @@ std::string addressProblem(const std::string& address, int family, void* parsed,
     }
     if (inet_pton(family, text.c_str(), parsed) != 1) {
         return std::string("not an ") + (family == AF_INET ? "IPv4" : "IPv6") + " address: " + text;
+    }
+    const int longest = family == AF_INET ? 32 : 128;
+    if (Kestrune::restoreGuards().valueRanges && (prefixLength < 0 || prefixLength > longest)) {
+        return "prefix length of " + address + " is outside 0 to " + std::to_string(longest);
     }
     return {};
 }

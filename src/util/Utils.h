@@ -6,6 +6,7 @@
 
 #include <netinet/ether.h>
 #include <string>
+#include <string_view>
 
 void procSysFileWrite(const char* path, int value);
 void sysIpv6Disable(const char* deviceName, int value);
@@ -29,6 +30,11 @@ bool schanWriteReg64(int bus, int block, int index, unsigned reg, unsigned high,
 bool setMacAddress(const char* deviceName, const char* mac, int socketFd);
 // An Ethernet address as the kernel prints it: "02:1c:73:5e:00:01".
 std::string macText(const ether_addr& mac);
+// The six bytes setMacAddress gives the kernel for a MAC text: two hex digits at each third
+// byte, a digit that is not hex ending its byte early (so a text that is no MAC gives zeros).
+ether_addr macBytesOf(std::string_view text);
+// Whether the kernel gives an Ethernet device that address: not zero and not multicast.
+bool isUnicastMac(const ether_addr& mac);
 bool setDevUp(const char* deviceName, int socketFd);
 bool setMtu(const char* deviceName, unsigned mtu, int socketFd);
 // Whether a device of that name is in the socket's namespace.

@@ -1,5 +1,6 @@
 #include "PrivateNetwork.h"
 #include "Scenario.h"
+#include "util/RestoreGuards.h"
 #include "util/Utils.h"
 
 #include <csignal>
@@ -87,7 +88,17 @@ TEST_F(Device, AddressesThatCannotGoInReturnFalse) {
     EXPECT_TRUE(traced("Kestrune:0 netlinkIpv4AddrAdd failed: File exists"));
     EXPECT_FALSE(ipAddrAdd(netlink_, "kt0", "10.0.0.300/24", false));
     EXPECT_TRUE(traced("Kestrune:0 ipAddrAdd kt0 not an IPv4 address: 10.0.0.300"));
+    // A prefix length past the family's: refused before the kernel when the ranges are
+    // guarded, by the kernel when not (where /256 would go in as a /0).
     EXPECT_FALSE(ip6AddrAdd(netlink_, "kt0", "2001:db8::1/129"));
+    EXPECT_TRUE(traced("Kestrune:0 ip6AddrAdd kt0 prefix length of 2001:db8::1/129 is outside 0 "
+                       "to 128"));
+    const RestoreGuards guarded = restoreGuards();
+    RestoreGuards unguarded = guarded;
+    unguarded.valueRanges = false;
+    restoreGuardsIs(unguarded);
+    EXPECT_FALSE(ip6AddrAdd(netlink_, "kt0", "2001:db8::1/129"));
+    restoreGuardsIs(guarded);
     EXPECT_TRUE(traced("Kestrune:0 netlinkIpv6AddrAdd failed: Invalid argument"));
     EXPECT_EQ(linkOf("kt0")->addresses.size(), 1U);
 }

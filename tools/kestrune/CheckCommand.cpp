@@ -3,6 +3,7 @@
 #include "CommonOptions.h"
 #include "parser/StoreCheck.h"
 #include "parser/StoreFile.h"
+#include "state/FilterRules.h"
 #include "util/Json.h"
 #include "util/Text.h"
 
@@ -25,11 +26,12 @@ struct CheckOptions {
 
 // What a restore from the store would come to, in a word.
 std::string verdictOf(const std::vector<StoreProblem>& problems) {
-    Consequence worst = Consequence::SkipsEntry;
+    // Warnings change nothing the restore does.
+    Consequence worst = Consequence::Warning;
     for (const auto& problem : problems) {
         worst = std::max(worst, problem.consequence);
     }
-    if (problems.empty()) {
+    if (worst == Consequence::Warning) {
         return "complete";
     }
     switch (worst) {
@@ -89,11 +91,11 @@ void addCheckCommand(CLI::App& app, int& status) {
                  "Pointer and what the restore would do about it. Exit status 0: nothing "
                  "ends the restore; 1: the restore would end the process or restore nothing "
                  "(or FILE is not JSON or cannot be read); with --strict, skipped entries and "
-                 "sections also give 1");
+                 "sections, and keys the restore does not read, also give 1");
     command->add_option("FILE", options->file, "The persistent store to check")->required();
     command->add_flag("--json", options->json,
                       "Print {file, restore, problems: [{pointer, message, consequence}]}");
-    command->add_flag("--strict", options->strict, "Fail on skipped entries and sections too");
+    command->add_flag("--strict", options->strict, "Fail on skipped entries and sections, and on keys the restore does not read");
     options->common.addTo(*command);
     command->callback([options, &status] {
         options->common.apply();
@@ -109,13 +111,19 @@ void addCheckCommand(CLI::App& app, int& status) {
         auto problems = read == StoreFile::Outcome::Read
                             ? StoreCheck::problemsOf(bytes)
                             : std::vector<StoreProblem>{{"", reason, Consequence::NoRestore}};
+        const auto fatal = [](const StoreProblem& p) {
+            return p.consequence >= Consequence::NoRestore;
+        };
+        // Rule texts are loaded only for a store the restore gets as far as the rules with.
+        if (std::none_of(problems.begin(), problems.end(), fatal)) {
+            const auto rules = ruleTextProblemsOf(bytes);
+            problems.insert(problems.end(), rules.begin(), rules.end());
+        }
         const std::string verdict = verdictOf(problems);
         options->json ? printJson(options->file, problems, verdict)
                       : printText(options->file, problems, verdict);
-        const bool fatal = std::any_of(problems.begin(), problems.end(), [](const auto& p) {
-            return p.consequence >= Consequence::NoRestore;
-        });
-        status = fatal || (options->strict && !problems.empty()) ? 1 : 0;
+        const bool ends = std::any_of(problems.begin(), problems.end(), fatal);
+        status = ends || (options->strict && !problems.empty()) ? 1 : 0;
     });
 }
 

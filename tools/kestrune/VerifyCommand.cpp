@@ -33,28 +33,24 @@ void addVerifyCommand(CLI::App& app, int& status) {
     options->common.addTo(*command);
     command->callback([options, &status] {
         options->common.apply();
+        const auto answer = [&](const Verification& result) {
+            std::cout << (options->json ? result.json() + "\n" : result.text());
+            if (!result.read) {
+                std::cerr << "kestrune verify: " << result.problem << "\n";
+            }
+            status = result.exitStatus();
+        };
         // Half a restore is not drift: one at work is waited for by the operator, not read.
         RestoreLock lock;
         if (!lock.doTake()) {
-            std::cerr << "kestrune verify: " << lock.error() << "; verify once it is done\n";
-            status = 2;
+            Verification waiting;
+            waiting.problem = lock.error() + "; verify once it is done";
+            answer(waiting);
             return;
         }
         options->pstoreDir.apply();
-        auto creator = configParserCreatorFactory();
-        auto parser =
-            options->file.empty() ? creator->create() : creator->createFrom(options->file);
-        if (!parser) {
-            std::cerr << "kestrune verify: no store of a known platform: " << whyNoStore() << "\n";
-            status = 2;
-            return;
-        }
-        const Verification result = verification(*parser->parse());
-        std::cout << (options->json ? result.json() + "\n" : result.text());
-        if (!result.read) {
-            std::cerr << "kestrune verify: " << result.problem << "\n";
-        }
-        status = result.exitStatus();
+        answer(verificationOfStore(options->file.empty() ? ConfigParserCreator::storePath()
+                                                         : options->file));
     });
 }
 
