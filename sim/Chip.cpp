@@ -138,22 +138,23 @@ void Chip::log(const std::string& line) {
         cut = line.substr(0, largestLogLine) + "... (" + std::to_string(line.size()) + " bytes)";
         text = &cut;
     }
-    if (logBytes_ + static_cast<long>(text->size()) >= largestLog) {
-        doRotateLog();
+    const long incoming = static_cast<long>(text->size()) + 1;
+    if (logBytes_ + incoming > largestLog) {
+        doRotateLog(incoming);
     }
     std::fwrite(text->data(), 1, text->size(), log_);
     std::fputc('\n', log_);
-    logBytes_ += static_cast<long>(text->size()) + 1;
+    logBytes_ += incoming;
     if (writes_ == LogWrites::eachLine) {
         std::fflush(log_);
     }
 }
 
-void Chip::doRotateLog() {
+void Chip::doRotateLog(long incoming) {
     std::fflush(log_);
     // The chip's tools append to the same path, so what they wrote counts too.
     const long size = std::ftell(log_);
-    if (size >= 0 && size < largestLog) {
+    if (size >= 0 && size + incoming <= largestLog) {
         logBytes_ = size;
         return;
     }
@@ -352,8 +353,11 @@ int Chip::strataCommand(const std::vector<std::string>& words) {
             return -1;
         }
         auto& vlans = vlans_[words[1]];
-        if (vlans.count(number(2)) == 0 && tableRoom(vlans.size(), "VLAN") != 0) {
-            return -1;
+        if (vlans.count(number(2)) == 0) {
+            if (tableRoom(vlanEntries_, "VLAN") != 0) {
+                return -1;
+            }
+            ++vlanEntries_;
         }
         vlans[number(2)] = number(5);
         return 0;

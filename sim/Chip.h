@@ -27,7 +27,7 @@ class Chip {
     // The CPU devices a client other than root may have the chip make: each holds one of the
     // daemon's descriptors, and a user who can open the nodes must not use them all up.
     static constexpr unsigned devicesPerClient = 64;
-    // The entries of each of the chip's tables (LAG members, VLANs, FAPs).
+    // The entries of each of the chip's tables (LAG members, VLANs of all ports, FAPs).
     static constexpr std::size_t largestTable = 65536;
     // The chip log is rotated to "<log>.1" when it reaches this size; a line longer than
     // largestLogLine is cut there.
@@ -118,7 +118,8 @@ class Chip {
     int newCpuDevice(const std::string& name, unsigned client);
     // Refuses, with a line in the chip log, when a table is full; 0 when it has room.
     int tableRoom(std::size_t entries, const char* table);
-    void doRotateLog();
+    // Moves the log to "<log>.1" unless what it holds and `incoming` bytes still fit.
+    void doRotateLog(long incoming);
     // The kind of device the chip makes for "fabric" or a "port", by what it refuses.
     ChipPorts::Kind kindFor(const std::string& device) const;
     // What a chip in trouble does once a command has taken.
@@ -143,6 +144,7 @@ class Chip {
     std::map<int, std::map<std::pair<int, int>, LagMember>> lags_;
     std::size_t lagMembers_ = 0;
     std::map<std::string, std::map<int, int>> vlans_;
+    std::size_t vlanEntries_ = 0; // over every device
     std::optional<std::array<int, 3>> driverParams_;
     std::map<std::string, Fap> faps_;
     std::map<std::string, SandPort> sandPorts_;
