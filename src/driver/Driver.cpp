@@ -279,14 +279,21 @@ int Driver::makeLayer3VlanDevice(const Interface& intf, std::string_view parent,
     if (target != NamespaceName(DEFAULT_NS) && sockFd_.count(target) != 0) {
         namespaceFd = namespaceFiles_.fdOf(target.text());
     }
-    const int mtu = intf.mtu();
+    const int mtu = presetMtu(intf.mtu());
     const int made = makeVlanDevice(parent, kernelName, vlan, netlinkFd(DEFAULT_NS), DEFAULT_NS,
-                                    namespaceFd, mtu > 0 ? static_cast<unsigned>(mtu) : 0);
+                                    namespaceFd, static_cast<unsigned>(mtu));
     if (made == 0 && namespaceFd >= 0) {
         madeIn = target;
         vrfCreate_->madeInPlaceIs(kernelName);
     }
     return made;
+}
+
+int Driver::presetMtu(int mtu) {
+    // A device that comes into being below IPv6's minimum never gets IPv6 at all, and the
+    // configure pass would find no IPv6 switches to set: such an MTU is left to that pass,
+    // which takes IPv6 off the device as the library's order does.
+    return mtu >= ipv6MinimumMtu ? mtu : 0;
 }
 
 void Driver::presetChipDeviceMtu(const Interface& intf, const std::string& kernelName) const {
@@ -295,7 +302,7 @@ void Driver::presetChipDeviceMtu(const Interface& intf, const std::string& kerne
         (type != InterfaceType::RoutedPort_ && type != InterfaceType::LagRouted_)) {
         return;
     }
-    const int mtu = intf.netNsName() == DEFAULT_NS ? intf.mtu() : vrfPortChipMtu;
+    const int mtu = presetMtu(intf.netNsName() == DEFAULT_NS ? intf.mtu() : vrfPortChipMtu);
     if (mtu > 0) {
         ifreq request{};
         kernelName.copy(request.ifr_name, IFNAMSIZ - 1);

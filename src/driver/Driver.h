@@ -123,6 +123,10 @@ class Driver {
     // changed on a device that is up walks the namespace's IPv6 routes; the steps that set it
     // later find it set. Silent: those steps say what fails.
     void presetChipDeviceMtu(const Interface& intf, const std::string& kernelName) const;
+    // The MTU the fast order may give a device before it first comes up: the MTU, or 0 (none)
+    // for one below IPv6's minimum.
+    static int presetMtu(int mtu);
+    static constexpr int ipv6MinimumMtu = 1280;
 
   private:
     // The fast order's createVlanInterface: the device made in its VRF's namespace.

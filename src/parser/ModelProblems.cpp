@@ -23,10 +23,11 @@ bool isLayer3(InterfaceType type) {
            type == InterfaceType::RoutedPort_ || type == InterfaceType::LagRouted_;
 }
 
-// What the kernel takes as an Ethernet device's MTU (ETH_MIN_MTU, ETH_MAX_MTU), and the least
-// a device keeps IPv6 with.
+// What the kernel takes as an Ethernet device's MTU: ETH_MIN_MTU, and ETH_MAX_MTU less the
+// Ethernet header for the chip's CPU devices (so the kernel caps TAP devices, which the
+// simulated chip's ports are); and the least a device keeps IPv6 with.
 constexpr std::int32_t smallestMtu = 68;
-constexpr std::int32_t largestMtu = 65535;
+constexpr std::int32_t largestMtu = 65535 - 14;
 constexpr std::int32_t smallestIpv6Mtu = 1280;
 // The chip's CPU devices' MTU (fabric, and a port's device until the restore sets it): a VLAN
 // device over one takes no larger MTU.

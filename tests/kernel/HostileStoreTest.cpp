@@ -41,6 +41,20 @@ std::function<std::string(const std::string&, const TempDir&)> edited(const std:
     };
 }
 
+// The clean store with Ethernet1/1 (routed, with IPv6) given another MTU.
+std::function<std::string(const std::string&, const TempDir&)> mtuOfPort(std::int64_t mtu) {
+    return [mtu](const std::string& store, const TempDir& dir) {
+        rapidjson::Document parsed;
+        parsed.Parse(store.c_str());
+        parsed["Dorvel"]["intfMtus"]["Ethernet1/1"]["mtu"].SetInt64(mtu);
+        rapidjson::StringBuffer text;
+        rapidjson::Writer<rapidjson::StringBuffer> writer(text);
+        parsed.Accept(writer);
+        dir.write("mtu.json", text.GetString());
+        return dir.file("mtu.json");
+    };
+}
+
 std::function<std::string(const std::string&, const TempDir&)> written(const std::string& text) {
     return [text](const std::string&, const TempDir& dir) {
         dir.write("written.json", text);
@@ -86,6 +100,28 @@ const Hostile hostiles[] = {
      "incomplete"},
     {"an interface name that is not UTF-8", edited("\"Ethernet1/5\"", "\"Ethernet1/\xff\x35\""), 0,
      0, "complete"},
+    // What the kernel or the filter tools refuse: "complete" must mean no failure.
+    {"MTU -1", mtuOfPort(-1), 0, 1, "incomplete"},
+    {"MTU 0", mtuOfPort(0), 0, 1, "incomplete"},
+    {"MTU 67", mtuOfPort(67), 0, 1, "incomplete"},
+    {"MTU 65536", mtuOfPort(65536), 0, 1, "incomplete"},
+    {"MTU 2^31-1", mtuOfPort(2147483647), 0, 1, "incomplete"},
+    {"MTU 1279 on a port with IPv6", mtuOfPort(1279), 0, 1, "incomplete"},
+    {"MTU 1280 on a port with IPv6", mtuOfPort(1280), 0, 0, "complete"},
+    {"MTU 65521", mtuOfPort(65521), 0, 0, "complete"},
+    {"MTU 65522", mtuOfPort(65522), 0, 1, "incomplete"},
+    {"a multicast bridge MAC", edited("02:1c:73:5e:00:01", "01:1c:73:5e:00:01"), 0, 1,
+     "incomplete"},
+    {"a bridge MAC that does not parse", edited("02:1c:73:5e:00:01", "not a MAC"), 0, 1,
+     "incomplete"},
+    {"a /33", edited("10.1.0.1/24", "10.1.0.1/33"), 0, 1, "incomplete"},
+    {"a /129", edited("2001:db8:1:0::1/64", "2001:db8:1:0::1/129"), 0, 1, "incomplete"},
+    {"a % in a name", edited("\"Ethernet1/5\"", "\"Ethernet1/%d\""), 0, 1, "incomplete"},
+    {"a rule iptables-restore refuses", edited("-A INPUT -j CONTROL-PLANE", "-A INPUT -j NOSUCH"),
+     0, 1, "incomplete"},
+    // Warned about, and restored as the restore reads it: into the default VRF.
+    {"a misspelled vrf", edited("\"vrf\": \"red\"", "\"vfr\": \"red\""), 0, 0, "complete"},
+    {"a store whose top level is an array", written("[1, 2]"), SIGABRT, -1, "ends the process"},
 };
 
 class HostileStores : public PrivateNetwork {
@@ -135,7 +171,24 @@ TEST_F(HostileStores, EachEndsAsCheckSaysWithItsEventsStored) {
         rapidjson::Document verdict;
         verdict.Parse(check.c_str());
         ASSERT_TRUE(verdict.IsObject()) << check;
-        EXPECT_STREQ(verdict["restore"].GetString(), hostile.verdict);
+        EXPECT_STREQ(verdict["restore"].GetString(), hostile.verdict) << check;
+
+        // verify answers every store, with its JSON: an error when it cannot read one.
+        const std::string verified = shellOutput(std::string(KESTRUNE_CLI) + " verify --json '" +
+                                                     file + "' 2>/dev/null",
+                                                 &status);
+        // The shell says 128 + the signal for a verify that a signal ended, an abort too.
+        const int verifyStatus = status;
+        ASSERT_TRUE(verifyStatus >= 0 && verifyStatus <= 2) << "verify ended with " << status;
+        rapidjson::Document answer;
+        answer.Parse(verified.c_str());
+        ASSERT_TRUE(answer.IsObject()) << verified;
+        const bool readable = std::string(hostile.verdict) == "complete" ||
+                              std::string(hostile.verdict) == "incomplete";
+        if (!readable) {
+            EXPECT_EQ(verifyStatus, 2);
+            EXPECT_TRUE(answer.HasMember("error")) << verified;
+        }
 
         // One line per event, whatever the names hold.
         if (!events.empty()) {
