@@ -68,6 +68,18 @@ class Finder {
         }
         if (const auto* sand = dynamic_cast<const SandConfig*>(&config)) {
             sand_ = sand;
+            std::size_t index = 0;
+            for (const auto& [name, fap] : sand->sandFapConfig()) {
+                const auto faps = static_cast<std::int32_t>(fap.numFaps());
+                if (faps < 1) {
+                    add(fapPointer(name, index), "device " + name + " has " +
+                                                     std::to_string(faps) +
+                                                     " FAPs, which the chip refuses: the restore "
+                                                     "ends on \"doFabIoctl( cmd )\"",
+                        Consequence::EndsProcess, true);
+                }
+                ++index;
+            }
         }
     }
 
@@ -109,17 +121,11 @@ class Finder {
             return false;
         }
         if (const auto* port = dynamic_cast<const SandInterface*>(&intf); port && sand_) {
-            const SandFapConfig fap = sand_->sandFapConfig(port->deviceName());
-            const std::string why =
-                !fap ? "no device \"" + port->deviceName() + "\" in the Sand section"
-                : static_cast<std::int32_t>(fap.numFaps()) < 1
-                    ? "its device " + port->deviceName() + " has " +
-                          std::to_string(static_cast<std::int32_t>(fap.numFaps())) +
-                          " FAPs, which the chip refuses"
-                    : "";
-            if (!why.empty()) {
+            if (!sand_->sandFapConfig(port->deviceName())) {
                 add(pointerText({"SandTessaline", "interfaces", name, "deviceName"}),
-                    why + ": " + name + " is not created", Consequence::SkipsEntry);
+                    "no device \"" + port->deviceName() + "\" in the Sand section: " + name +
+                        " is not created",
+                    Consequence::SkipsEntry);
                 return false;
             }
         }
@@ -136,6 +142,22 @@ class Finder {
             }
         }
         return true;
+    }
+
+    // Where the store has the FAP: the entry of "devices" that holds its name.
+    std::string fapPointer(const std::string& name, std::size_t fallback) const {
+        const rapidjson::Value* devices = rapidjson::Pointer("/SandTessaline/devices").Get(store_);
+        std::size_t index = fallback;
+        if (devices && devices->IsArray()) {
+            for (rapidjson::SizeType i = 0; i < devices->Size(); ++i) {
+                const rapidjson::Value& device = (*devices)[i];
+                if (device.IsObject() && device.HasMember("name") && device["name"].IsString() &&
+                    name == device["name"].GetString()) {
+                    index = i;
+                }
+            }
+        }
+        return "/SandTessaline/devices/" + std::to_string(index) + "/numFaps";
     }
 
     void checkMtu(const Interface& intf, const Config& config) {
@@ -155,6 +177,15 @@ class Finder {
             return;
         }
         const InterfaceType type = intf.interfaceType();
+        if (const Interface* port = routedPortBelowIpv6(intf, config)) {
+            add(pointerText({"Dorvel", "intfMtus", port->name(), "mtu"}),
+                "MTU " + std::to_string(port->mtu()) + " of " + port->name() +
+                    " is below IPv6's " + std::to_string(smallestIpv6Mtu) +
+                    ": the kernel takes IPv6 off its VLAN devices too, and the restore ends on "
+                    "\"fp\" setting the IPv6 switches of " + name,
+                Consequence::EndsProcess, true);
+            return;
+        }
         if (type == InterfaceType::SVI_ || type == InterfaceType::SubIntf_) {
             const std::int32_t lower = lowerMtu(intf, config);
             if (mtu > lower) {
@@ -172,32 +203,48 @@ class Finder {
         }
     }
 
+    // A subinterface's port, when it is routed in the default namespace with an MTU the kernel
+    // takes but IPv6 does not: the port's configure comes first, and lowers the
+    // subinterface's MTU with its own.
+    static const Interface* routedPortBelowIpv6(const Interface& intf, const Config& config) {
+        const Interface* port = portOf(intf, config);
+        if (port == nullptr || !routedInDefault(*port) || kernelIntfName(port->name()).empty()) {
+            return nullptr;
+        }
+        return port->mtu() >= smallestMtu && port->mtu() < smallestIpv6Mtu ? port : nullptr;
+    }
+
+    static bool routedInDefault(const Interface& port) {
+        return (port.interfaceType() == InterfaceType::RoutedPort_ ||
+                port.interfaceType() == InterfaceType::LagRouted_) &&
+               (port.netNsName().empty() || port.netNsName() == DEFAULT_NS);
+    }
+
+    // A subinterface's port; null for any other interface or a port the store does not have.
+    static const Interface* portOf(const Interface& intf, const Config& config) {
+        // A name without a dot ends the restore before this matters; it must not end a check.
+        const std::size_t dot = intf.name().find('.');
+        if (intf.interfaceType() != InterfaceType::SubIntf_ || dot == std::string::npos) {
+            return nullptr;
+        }
+        const auto parent = config.interface().find(intf.name().substr(0, dot));
+        return parent == config.interface().end() ? nullptr : parent->second.get();
+    }
+
     // The MTU of the device a VLAN device is made over, when its own MTU is set: fabric for
     // an SVI; for a subinterface its port's device, which has the port's MTU by then when the
     // port is routed in the default namespace (the port comes first in the walk).
     static std::int32_t lowerMtu(const Interface& intf, const Config& config) {
-        if (intf.interfaceType() != InterfaceType::SubIntf_) {
-            return chipFrameSize;
-        }
-        // A name without a dot ends the restore before this matters; it must not end a check.
-        const std::size_t dot = intf.name().find('.');
-        if (dot == std::string::npos) {
-            return chipFrameSize;
-        }
-        const auto parent = config.interface().find(intf.name().substr(0, dot));
-        if (parent == config.interface().end() || !parent->second) {
-            return chipFrameSize;
-        }
-        const Interface& port = *parent->second;
-        const bool routedHere = (port.interfaceType() == InterfaceType::RoutedPort_ ||
-                                 port.interfaceType() == InterfaceType::LagRouted_) &&
-                                (port.netNsName().empty() || port.netNsName() == DEFAULT_NS);
-        return routedHere && port.mtu() >= smallestMtu && port.mtu() <= largestMtu ? port.mtu()
-                                                                                  : chipFrameSize;
+        const Interface* port = portOf(intf, config);
+        return port != nullptr && routedInDefault(*port) && port->mtu() >= smallestMtu &&
+                       port->mtu() <= largestMtu
+                   ? port->mtu()
+                   : chipFrameSize;
     }
 
-    void add(std::string pointer, std::string message, Consequence consequence) {
-        problems_.push_back({std::move(pointer), std::move(message), consequence});
+    void add(std::string pointer, std::string message, Consequence consequence,
+             bool inDriver = false) {
+        problems_.push_back({std::move(pointer), std::move(message), consequence, inDriver});
     }
 
     void checkNamespace(const Interface& intf) {
@@ -211,12 +258,12 @@ class Finder {
                 "namespace " + ns + " of " + intf.name() + " is longer than " +
                     std::to_string(NamespaceName::maxBytes) +
                     " bytes: the restore ends on \"NamespaceName::bytes > 150 not allowed\"",
-                Consequence::EndsProcess);
+                Consequence::EndsProcess, true);
         } else if (namespacePath(ns).empty() && isLayer3(intf.interfaceType())) {
             add(pointer,
                 "namespace " + ns + " of " + intf.name() +
                     " cannot be a named namespace: the restore ends when it enters it",
-                Consequence::EndsProcess);
+                Consequence::EndsProcess, true);
         }
     }
 

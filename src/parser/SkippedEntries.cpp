@@ -148,8 +148,7 @@ void settle(std::vector<StoreProblem>& problems, const Predicate& predicts, bool
 void settleWithTheParser(std::vector<StoreProblem>& problems, const rapidjson::Document& store) {
     const ParserOutcome outcome = parserOutcomeOn(store);
     const auto endsInParser = [](const StoreProblem& problem) {
-        return problem.consequence == Consequence::EndsProcess &&
-               problem.message.rfind("namespace ", 0) != 0;
+        return problem.consequence == Consequence::EndsProcess && !problem.inDriver;
     };
     const auto noRestore = [](const StoreProblem& problem) {
         return problem.consequence == Consequence::NoRestore;

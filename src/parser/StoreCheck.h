@@ -17,6 +17,9 @@ struct StoreProblem {
     std::string pointer; // JSON Pointer into the store ("" for the whole document)
     std::string message;
     Consequence consequence;
+    // Ends the process in the driver, past what parsing the store shows (a namespace name the
+    // driver cannot enter, a device the chip refuses).
+    bool inDriver = false;
 };
 
 // The pre-flight check of a store: every problem a restore from it would meet, found
