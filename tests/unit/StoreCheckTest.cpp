@@ -210,12 +210,45 @@ TEST(StoreCheck, OnlyValuesTheRestoreReadsDecideItsFate) {
     }
 }
 
+TEST(StoreCheck, KeysTheRestoreDoesNotReadAreWarningsWhereTheyAre) {
+    const std::string okuRed = R"({"interfaces": {"Ethernet1/1": {"ipAddress": "10.0.0.1/24",
+                                   "ip6Address": [], "vfr": "red"}}})";
+    struct Case {
+        const char* what;
+        std::string store;
+        std::vector<std::string> warned;
+    };
+    const Case cases[] = {
+        {"a misspelled vrf", strataStore({{"Oku", okuRed}}), {"/Oku/interfaces/Ethernet1~11/vfr"}},
+        {"a key of a section", strataStore({{"Dorvel", R"({"intfMtus": {}, "mtus": {}})"}}),
+         {"/Dorvel/mtus"}},
+        {"a key of a device in an array",
+         strataStore({{"Tessaline", R"({"platformType": "Strata", "interfaces": {},
+                         "devices": [{"modId": 0, "busId": 1, "chipModel": "x", "bus": 2}]})"}}),
+         {"/Tessaline/devices/0/bus"}},
+        {"another agent's section, which is not the restore's business",
+         strataStore({{"Zorvan", R"({"anything": 1})"}}), {}},
+    };
+    for (const Case& c : cases) {
+        std::vector<std::string> warned;
+        for (const auto& problem : StoreCheck::problemsOf(c.store)) {
+            if (problem.consequence == Consequence::Warning) {
+                warned.push_back(problem.pointer);
+                EXPECT_NE(problem.message.find("is not a key the restore reads"), std::string::npos);
+            }
+        }
+        EXPECT_EQ(warned, c.warned) << c.what;
+    }
+}
+
 TEST(CheckCommand, ExitStatusSaysWhetherTheRestoreWouldSucceed) {
     TempDir dir;
     dir.write(
         "skips.json",
         strataStore({{"Dorvel", R"({"intfMtus": {"Ethernet9/9": {"mtu": 1, "l2Mtu": 1}}})"}}));
     dir.write("fatal.json", strataStore({{"Oku", "[]"}}));
+    dir.write("warns.json", strataStore({{"Sabrel", R"({"iptables": "", "ip6tables": "",
+                                                         "ebtables": ""})"}}));
     const std::string cli = KESTRUNE_CLI;
     const std::string examples = std::string(KESTRUNE_SOURCE_DIR) + "/examples/";
     const std::pair<std::string, int> cases[] = {
@@ -225,6 +258,9 @@ TEST(CheckCommand, ExitStatusSaysWhetherTheRestoreWouldSucceed) {
         {"check --strict " + examples + "sand.json", 1},
         {"check " + dir.file("skips.json"), 0},
         {"check --strict " + dir.file("skips.json"), 1},
+        // A warning does not fail the check; with --strict it does.
+        {"check " + dir.file("warns.json"), 0},
+        {"check --strict " + dir.file("warns.json"), 1},
         {"check " + dir.file("fatal.json"), 1},
         {"check " + dir.file("missing.json"), 1},
         {"check", 2},
