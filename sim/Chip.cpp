@@ -93,7 +93,7 @@ const std::set<std::string>& Chip::faultNames() {
     static const std::set<std::string> names = [] {
         std::set<std::string> all{"adddevice",    "interrupts", "bde-reopen", "fabric-mac",
                                   "fabric-up",    "port-mac",   "port-up",    "port-mtu",
-                                  "fabric-reset", "port-reset", "fab",      "schan"};
+                                  "fabric-reset", "port-reset", "fab",        "schan"};
         for (const CommandTable* table : {&strataCommands(), &sandCommands()}) {
             for (const auto& [name, shape] : *table) {
                 all.insert(name);
@@ -254,8 +254,8 @@ int Chip::tableRoom(std::size_t entries, const char* table) {
     if (entries < largestTable) {
         return 0;
     }
-    log(std::string("refused: the ") + table + " table is full (" +
-        std::to_string(largestTable) + " entries)");
+    log(std::string("refused: the ") + table + " table is full (" + std::to_string(largestTable) +
+        " entries)");
     errno = ENOSPC;
     return -1;
 }

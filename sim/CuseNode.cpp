@@ -52,8 +52,7 @@ struct CuseCalls {
                       std::size_t inSize, std::size_t) {
         const auto number = static_cast<unsigned long>(static_cast<unsigned>(cmd));
         std::size_t wanted = 0;
-        const int result =
-            node(req).request(number, in, inSize, &wanted, fuse_req_ctx(req)->uid);
+        const int result = node(req).request(number, in, inSize, &wanted, fuse_req_ctx(req)->uid);
         if (wanted > inSize) {
             // The kernel copies only what the device asks for: ask for the record's bytes.
             const iovec from{arg, wanted};

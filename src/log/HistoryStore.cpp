@@ -110,7 +110,8 @@ int pastDeadline(void* deadline) {
 std::string historyFileProblem(const std::string& path) {
     const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) {
-        return errno == ENOENT ? "" : path + ": " + (errno == ELOOP ? "a link" : std::strerror(errno));
+        return errno == ENOENT ? ""
+                               : path + ": " + (errno == ELOOP ? "a link" : std::strerror(errno));
     }
     struct stat status {};
     std::string problem;

@@ -72,10 +72,10 @@ class Finder {
             for (const auto& [name, fap] : sand->sandFapConfig()) {
                 const auto faps = static_cast<std::int32_t>(fap.numFaps());
                 if (faps < 1) {
-                    add(fapPointer(name, index), "device " + name + " has " +
-                                                     std::to_string(faps) +
-                                                     " FAPs, which the chip refuses: the restore "
-                                                     "ends on \"doFabIoctl( cmd )\"",
+                    add(fapPointer(name, index),
+                        "device " + name + " has " + std::to_string(faps) +
+                            " FAPs, which the chip refuses: the restore "
+                            "ends on \"doFabIoctl( cmd )\"",
                         Consequence::EndsProcess, true);
                 }
                 ++index;
@@ -115,7 +115,8 @@ class Finder {
                                  type == InterfaceType::LagRouted_)) {
             add(interfacePointer(store_, name),
                 "a Sand switch makes no kernel device for " +
-                    std::string(type == InterfaceType::SubIntf_ ? "a subinterface" : "a Port-Channel") +
+                    std::string(type == InterfaceType::SubIntf_ ? "a subinterface"
+                                                                : "a Port-Channel") +
                     ": " + name + " is reported as not created",
                 Consequence::SkipsEntry);
             return false;
@@ -168,8 +169,9 @@ class Finder {
         }
         const std::int32_t mtu = intf.mtu();
         const auto refused = [&](const std::string& why) {
-            add(pointer, "MTU " + std::to_string(mtu) + " of " + name + " " + why +
-                             ": the MTU is not set", Consequence::SkipsEntry);
+            add(pointer,
+                "MTU " + std::to_string(mtu) + " of " + name + " " + why + ": the MTU is not set",
+                Consequence::SkipsEntry);
         };
         if (mtu < smallestMtu || mtu > largestMtu) {
             refused("is outside " + std::to_string(smallestMtu) + " to " +
@@ -179,10 +181,11 @@ class Finder {
         const InterfaceType type = intf.interfaceType();
         if (const Interface* port = routedPortBelowIpv6(intf, config)) {
             add(pointerText({"Dorvel", "intfMtus", port->name(), "mtu"}),
-                "MTU " + std::to_string(port->mtu()) + " of " + port->name() +
-                    " is below IPv6's " + std::to_string(smallestIpv6Mtu) +
+                "MTU " + std::to_string(port->mtu()) + " of " + port->name() + " is below IPv6's " +
+                    std::to_string(smallestIpv6Mtu) +
                     ": the kernel takes IPv6 off its VLAN devices too, and the restore ends on "
-                    "\"fp\" setting the IPv6 switches of " + name,
+                    "\"fp\" setting the IPv6 switches of " +
+                    name,
                 Consequence::EndsProcess, true);
             return;
         }

@@ -116,8 +116,7 @@ class Checker {
     static const Value& resolved(const Value& rule) {
         const Value* ref = member(&rule, "$ref");
         if (ref && ref->IsString() && startsWith(textOf(*ref), "#")) {
-            if (const Value* target =
-                    Pointer(textOf(*ref).substr(1).c_str()).Get(schemaJson())) {
+            if (const Value* target = Pointer(textOf(*ref).substr(1).c_str()).Get(schemaJson())) {
                 return *target;
             }
         }

@@ -7,9 +7,9 @@
 #include "platform/StrataDriver.h"
 #include "util/Format.h"
 #include "util/KernelName.h"
-#include "util/RestoreGuards.h"
 #include "util/Namespace.h"
 #include "util/NetDevice.h"
+#include "util/RestoreGuards.h"
 #include "util/Trace.h"
 #include "util/Utils.h"
 

@@ -3,16 +3,15 @@
 #include "parser/StoreFile.h"
 #include "state/KernelState.h"
 #include "util/Command.h"
-#include "util/Namespace.h"
 #include "util/Json.h"
-
-#include <rapidjson/pointer.h>
+#include "util/Namespace.h"
 #include "util/RestoreGuards.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <optional>
+#include <rapidjson/pointer.h>
 #include <sched.h>
 #include <sstream>
 #include <sys/mman.h>
@@ -215,8 +214,7 @@ std::vector<StoreProblem> ruleTextProblemsOf(const std::string& storeText) {
                                 "refused by " + loaded.problem + ": the rules are not restored",
                                 Consequence::SkipsSection});
         } else if (loaded.outcome == LoadedRules::Outcome::failed) {
-            problems.push_back(
-                {pointer, "not checked: " + loaded.problem, Consequence::Warning});
+            problems.push_back({pointer, "not checked: " + loaded.problem, Consequence::Warning});
         }
     }
     return problems;

@@ -4,11 +4,11 @@
 #include "parser/ConfigParserCreator.h"
 #include "parser/StoreCheck.h"
 #include "parser/StoreFile.h"
-#include "util/Assert.h"
 #include "platform/ChipDevice.h"
 #include "state/ExpectedState.h"
 #include "state/FilterRules.h"
 #include "state/KernelState.h"
+#include "util/Assert.h"
 #include "util/Json.h"
 #include "util/Namespace.h"
 
@@ -84,11 +84,11 @@ Verification verificationOfStore(const std::string& path) {
     }
     for (const StoreProblem& problem : StoreCheck::problemsOf(bytes)) {
         if (problem.consequence >= Consequence::NoRestore) {
-            result.problem =
-                std::string(problem.consequence == Consequence::EndsProcess
-                                ? "a restore of this store ends the process: "
-                                : "this store gives no restore: ") +
-                (problem.pointer.empty() ? "" : problem.pointer + ": ") + problem.message;
+            result.problem = std::string(problem.consequence == Consequence::EndsProcess
+                                             ? "a restore of this store ends the process: "
+                                             : "this store gives no restore: ") +
+                             (problem.pointer.empty() ? "" : problem.pointer + ": ") +
+                             problem.message;
             return result;
         }
     }

@@ -63,8 +63,8 @@ bool RestoreLock::doTake() {
         ::close(dir);
         return false;
     }
-    const int fd = ::openat(dir, name.c_str(),
-                            O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+    const int fd =
+        ::openat(dir, name.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
     ::close(dir);
     if (fd < 0) {
         error_ = "cannot make the restore lock " + path_ + ": " + std::strerror(errno);

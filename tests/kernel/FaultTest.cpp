@@ -114,9 +114,10 @@ class Faults : public PrivateNetwork {
         case Tool::stopsVerify:
             // The restore's run is the real tool's; the verification's says so in the trace,
             // where the test waits for it, and waits to be stopped.
-            writeTool(path, "if [ -e " + dir_.file("tools/ran") + " ]; then echo 'stand-in: verifying' >> " +
-                                dir_.file("trace.txt") + "; sleep 5; exit 1; fi; touch " +
-                                dir_.file("tools/ran") + "; exec /usr/sbin/iptables-restore \"$@\"");
+            writeTool(path, "if [ -e " + dir_.file("tools/ran") +
+                                " ]; then echo 'stand-in: verifying' >> " + dir_.file("trace.txt") +
+                                "; sleep 5; exit 1; fi; touch " + dir_.file("tools/ran") +
+                                "; exec /usr/sbin/iptables-restore \"$@\"");
             break;
         }
     }
@@ -188,18 +189,16 @@ TEST_F(Faults, EveryEventRecordedIsOnDiskAndNoRestoreOutlivesItsDeadlines) {
         const std::string history = historyFor(fault.history);
         const std::string report = dir_.file("report.json");
         std::filesystem::remove(report);
-        std::vector<std::string> args{"simulate", dir_.file(std::string(fault.store) + ".json"),
-                                      "--history", history, "--report", report,
-                                      "--command-deadline", std::to_string(deadlineSeconds)};
+        std::vector<std::string> args{
+            "simulate",           dir_.file(std::string(fault.store) + ".json"),
+            "--history",          history,
+            "--report",           report,
+            "--command-deadline", std::to_string(deadlineSeconds)};
         if (fault.chipRefuses != nullptr) {
             args.insert(args.end(), {"--chip-refuses", fault.chipRefuses});
         }
-        CliRun run{args,
-                   dir_.file("trace.txt"),
-                   dir_.file("tools"),
-                   fault.marker,
-                   fault.markerCount,
-                   fault.signal};
+        CliRun run{args,         dir_.file("trace.txt"), dir_.file("tools"),
+                   fault.marker, fault.markerCount,      fault.signal};
         const CliResult result = runCli(run);
 
         EXPECT_EQ(result.faulted, fault.signal != 0);

@@ -174,9 +174,8 @@ TEST_F(HostileStores, EachEndsAsCheckSaysWithItsEventsStored) {
         EXPECT_STREQ(verdict["restore"].GetString(), hostile.verdict) << check;
 
         // verify answers every store, with its JSON: an error when it cannot read one.
-        const std::string verified = shellOutput(std::string(KESTRUNE_CLI) + " verify --json '" +
-                                                     file + "' 2>/dev/null",
-                                                 &status);
+        const std::string verified = shellOutput(
+            std::string(KESTRUNE_CLI) + " verify --json '" + file + "' 2>/dev/null", &status);
         // The shell says 128 + the signal for a verify that a signal ended, an abort too.
         const int verifyStatus = status;
         ASSERT_TRUE(verifyStatus >= 0 && verifyStatus <= 2) << "verify ended with " << status;

@@ -297,9 +297,8 @@ const Finding findings[] = {
          std::vector<std::string> leftAlone;
          const auto events = HistoryStore::historyOf(dir.file("history.db"), &leftAlone);
          EXPECT_EQ(events.size(), 2U);
-         EXPECT_EQ(leftAlone,
-                   std::vector<std::string>{"event journal " + fifo +
-                                            " left alone: it is not a regular file"});
+         EXPECT_EQ(leftAlone, std::vector<std::string>{"event journal " + fifo +
+                                                       " left alone: it is not a regular file"});
          EXPECT_TRUE(std::filesystem::exists(fifo));
      }},
     {"a journal another user wrote in a folder others can write",
@@ -308,8 +307,7 @@ const Finding findings[] = {
          recordOne(dir);
          const std::string planted = dir.file("history.db.pending-99-1");
          ASSERT_EQ(asNobody([&] {
-                       const int fd =
-                           ::open(planted.c_str(), O_CREAT | O_WRONLY | O_EXCL, 0600);
+                       const int fd = ::open(planted.c_str(), O_CREAT | O_WRONLY | O_EXCL, 0600);
                        const std::string record = "99-1-1\t1.0\tpersistent\tKestrune\tDriver\t"
                                                   "planted\n";
                        return fd >= 0 && ::write(fd, record.data(), record.size()) > 0 ? 0 : 1;
@@ -335,8 +333,7 @@ const Finding findings[] = {
              HistoryStore::historyOf(history);
              ADD_FAILURE() << "read an endless view";
          } catch (const std::runtime_error& e) {
-             EXPECT_NE(std::string(e.what()).find("it has no table named event"),
-                       std::string::npos)
+             EXPECT_NE(std::string(e.what()).find("it has no table named event"), std::string::npos)
                  << e.what();
          }
          EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(),
@@ -371,10 +368,9 @@ const Finding findings[] = {
          dir.write("lock.py", script);
          // It holds the lock until its input ends.
          ASSERT_EQ(mkfifo(dir.file("hold").c_str(), 0600), 0);
-         FILE* locker = popen(("python3 " + dir.file("lock.py") + " " + history + " < " +
-                               dir.file("hold"))
-                                  .c_str(),
-                              "r");
+         FILE* locker = popen(
+             ("python3 " + dir.file("lock.py") + " " + history + " < " + dir.file("hold")).c_str(),
+             "r");
          const int hold = ::open(dir.file("hold").c_str(), O_WRONLY);
          char line[16] = {};
          ASSERT_NE(std::fgets(line, sizeof line, locker), nullptr);
@@ -404,19 +400,19 @@ const Finding findings[] = {
          ASSERT_EQ(symlink(dir.file("target").c_str(), dir.file("report.json").c_str()), 0);
          ASSERT_EQ(symlink(dir.file("target").c_str(), dir.file("trace.txt").c_str()), 0);
          int status = 0;
-         const std::string report = shellOutput(
-             std::string(KESTRUNE_CLI) + " simulate --report " + dir.file("report.json") +
-                 " --trace-file /dev/null 2>&1",
-             &status);
+         const std::string report =
+             shellOutput(std::string(KESTRUNE_CLI) + " simulate --report " +
+                             dir.file("report.json") + " --trace-file /dev/null 2>&1",
+                         &status);
          EXPECT_EQ(status, 1) << report;
-         EXPECT_NE(report.find("cannot write the report " + dir.file("report.json") +
-                               ": it is a link"),
-                   std::string::npos)
+         EXPECT_NE(
+             report.find("cannot write the report " + dir.file("report.json") + ": it is a link"),
+             std::string::npos)
              << report;
-         const std::string trace = shellOutput(
-             std::string(KESTRUNE_CLI) + " check --trace-file " + dir.file("trace.txt") + " " +
-                 KESTRUNE_SOURCE_DIR "/examples/strata.json 2>&1",
-             &status);
+         const std::string trace = shellOutput(std::string(KESTRUNE_CLI) + " check --trace-file " +
+                                                   dir.file("trace.txt") + " " +
+                                                   KESTRUNE_SOURCE_DIR "/examples/strata.json 2>&1",
+                                               &status);
          EXPECT_EQ(status, 2) << trace;
          EXPECT_NE(trace.find("it is a link"), std::string::npos) << trace;
          EXPECT_EQ(contentOf(dir.file("target")), "untouched");

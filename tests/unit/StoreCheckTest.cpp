@@ -220,21 +220,24 @@ TEST(StoreCheck, KeysTheRestoreDoesNotReadAreWarningsWhereTheyAre) {
     };
     const Case cases[] = {
         {"a misspelled vrf", strataStore({{"Oku", okuRed}}), {"/Oku/interfaces/Ethernet1~11/vfr"}},
-        {"a key of a section", strataStore({{"Dorvel", R"({"intfMtus": {}, "mtus": {}})"}}),
+        {"a key of a section",
+         strataStore({{"Dorvel", R"({"intfMtus": {}, "mtus": {}})"}}),
          {"/Dorvel/mtus"}},
         {"a key of a device in an array",
          strataStore({{"Tessaline", R"({"platformType": "Strata", "interfaces": {},
                          "devices": [{"modId": 0, "busId": 1, "chipModel": "x", "bus": 2}]})"}}),
          {"/Tessaline/devices/0/bus"}},
         {"another agent's section, which is not the restore's business",
-         strataStore({{"Zorvan", R"({"anything": 1})"}}), {}},
+         strataStore({{"Zorvan", R"({"anything": 1})"}}),
+         {}},
     };
     for (const Case& c : cases) {
         std::vector<std::string> warned;
         for (const auto& problem : StoreCheck::problemsOf(c.store)) {
             if (problem.consequence == Consequence::Warning) {
                 warned.push_back(problem.pointer);
-                EXPECT_NE(problem.message.find("is not a key the restore reads"), std::string::npos);
+                EXPECT_NE(problem.message.find("is not a key the restore reads"),
+                          std::string::npos);
             }
         }
         EXPECT_EQ(warned, c.warned) << c.what;

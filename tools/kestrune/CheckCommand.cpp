@@ -95,7 +95,9 @@ void addCheckCommand(CLI::App& app, int& status) {
     command->add_option("FILE", options->file, "The persistent store to check")->required();
     command->add_flag("--json", options->json,
                       "Print {file, restore, problems: [{pointer, message, consequence}]}");
-    command->add_flag("--strict", options->strict, "Fail on skipped entries and sections, and on keys the restore does not read");
+    command->add_flag(
+        "--strict", options->strict,
+        "Fail on skipped entries and sections, and on keys the restore does not read");
     options->common.addTo(*command);
     command->callback([options, &status] {
         options->common.apply();

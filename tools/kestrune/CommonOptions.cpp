@@ -127,9 +127,9 @@ void CommonOptions::apply() {
             if (fd >= 0) {
                 ::close(fd);
             }
-            throw CLI::ValidationError("--trace-file",
-                                       "cannot open " + traceFile_ + ": " +
-                                           (error == ELOOP ? "it is a link" : std::strerror(error)));
+            throw CLI::ValidationError(
+                "--trace-file", "cannot open " + traceFile_ + ": " +
+                                    (error == ELOOP ? "it is a link" : std::strerror(error)));
         }
         Trace::sinkIs(Trace::streamSink(stream));
     }

@@ -176,7 +176,8 @@ std::string RestoreReport::metrics() const {
 
 bool reportWritten(const std::string& path, const std::string& json) {
     // Written as root: a link planted at the path would put the report over whatever it names.
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+    const int fd =
+        ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
     const std::string text = json + '\n';
     const bool written =
         fd >= 0 && ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
