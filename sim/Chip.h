@@ -113,6 +113,8 @@ class Chip {
     const std::map<std::string, SandPort>& sandPorts() const { return sandPorts_; }
 
   private:
+    // A command's words, split at blanks.
+    static std::vector<std::string> wordsOf(const std::string& command);
     int strataCommand(const std::vector<std::string>& words);
     int sandCommand(const std::vector<std::string>& words);
     int newCpuDevice(const std::string& name, unsigned client);
