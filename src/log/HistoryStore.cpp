@@ -257,6 +257,9 @@ bool HistoryStore::doInsert(const std::vector<Event>& events) {
     if (events.empty()) {
         return true;
     }
+    if (cutOff_) {
+        return false;
+    }
     const int begun = sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
     locked_ = begun == SQLITE_BUSY || begun == SQLITE_LOCKED;
     if (locked_) {
@@ -279,13 +282,13 @@ bool HistoryStore::doInsert(const std::vector<Event>& events) {
     if (stored) {
         stored = sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK;
     }
-    const bool cutOff = !stored && sqlite3_errcode(db_) == SQLITE_INTERRUPT;
+    cutOff_ = !stored && sqlite3_errcode(db_) == SQLITE_INTERRUPT;
     sqlite3_progress_handler(db_, 0, nullptr, nullptr);
     if (!stored) {
         problemIs("cannot store " + std::to_string(events.size()) + " events in " + path_ + ": " +
-                  (cutOff ? "cut off after " + std::to_string(static_cast<int>(storeSeconds)) +
-                                " s; they wait in the journal"
-                          : std::string(sqlite3_errmsg(db_))));
+                  (cutOff_ ? "cut off after " + std::to_string(static_cast<int>(storeSeconds)) +
+                                 " s; they wait in the journal"
+                           : std::string(sqlite3_errmsg(db_))));
         sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
     }
     return stored;

@@ -59,6 +59,9 @@ class HistoryStore {
     sqlite3* db_ = nullptr;
     std::vector<std::string> problems_;
     bool locked_ = false;
+    // A commit was cut off: whatever holds the history up would hold every later one too, so
+    // this process's events stay in its journal for the next process to fold in.
+    bool cutOff_ = false;
 };
 
 HistoryStore::Ptr historyStoreFactory(EventLogQueue::Ptr eventLog, std::string path);
