@@ -32,7 +32,9 @@ attach() { # attach TYPE-OR-bind SOURCE TARGET
     mounts+=("$3")
 }
 
-# The root is a mount point of its own, as / is: the tests make their mounts private.
+# The root is a mount point of its own, as / is: the tests make their mounts private. Any user
+# may walk it, as any user may walk /: the tests of what another user can do need that.
+chmod 0755 "$root"
 attach bind "$root" "$root"
 # The sources at a fixed path inside the root, so the build folder's cache always matches.
 attach bind "$source" "$root/kestrune"

@@ -422,6 +422,14 @@ const Finding findings[] = {
 };
 
 TEST_F(LocalUser, EachWayFoundNoLongerHoldsARestore) {
+    // Each refusal below must be the file's own mode: a user can reach a file of the test's
+    // folder, and /run's.
+    dir_.write("open.txt", "anyone");
+    chmod(dir_.file("open.txt").c_str(), 0644);
+    ASSERT_EQ(
+        asNobody([&] { return ::open(dir_.file("open.txt").c_str(), O_RDONLY) >= 0 ? 0 : 1; }), 0)
+        << "uid 65534 cannot reach " << dir_.path() << ": a folder above it is closed to others";
+    ASSERT_EQ(asNobody([] { return ::access("/run", X_OK); }), 0);
     for (const Finding& finding : findings) {
         SCOPED_TRACE(finding.what);
         const TempDir dir;
