@@ -173,12 +173,7 @@ class Finder {
                 "MTU " + std::to_string(mtu) + " of " + name + " " + why + ": the MTU is not set",
                 Consequence::SkipsEntry);
         };
-        if (mtu < smallestMtu || mtu > largestMtu) {
-            refused("is outside " + std::to_string(smallestMtu) + " to " +
-                    std::to_string(largestMtu) + ", which the kernel takes");
-            return;
-        }
-        const InterfaceType type = intf.interfaceType();
+        // Its IPv6 switches are set before its own MTU: what its port does to it comes first.
         if (const Interface* port = routedPortBelowIpv6(intf, config)) {
             add(pointerText({"Dorvel", "intfMtus", port->name(), "mtu"}),
                 "MTU " + std::to_string(port->mtu()) + " of " + port->name() + " is below IPv6's " +
@@ -189,6 +184,12 @@ class Finder {
                 Consequence::EndsProcess, true);
             return;
         }
+        if (mtu < smallestMtu || mtu > largestMtu) {
+            refused("is outside " + std::to_string(smallestMtu) + " to " +
+                    std::to_string(largestMtu) + ", which the kernel takes");
+            return;
+        }
+        const InterfaceType type = intf.interfaceType();
         if (type == InterfaceType::SVI_ || type == InterfaceType::SubIntf_) {
             const std::int32_t lower = lowerMtu(intf, config);
             if (mtu > lower) {

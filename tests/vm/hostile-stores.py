@@ -68,6 +68,10 @@ def main():
     # devices too: the subinterface's IPv6 switches are gone when it is configured.
     variant("port-below-ipv6-mtu-with-subinterface", strata,
             lambda s: mtus(s)["Ethernet1/1"].update({"mtu": 1279}))
+    # The same whatever the subinterface's own MTU: its IPv6 switches come before it.
+    variant("port-below-ipv6-mtu-with-subinterface-of-mtu-0", strata,
+            lambda s: (mtus(s)["Ethernet1/1"].update({"mtu": 1279}),
+                       mtus(s)["Ethernet1/1.100"].update({"mtu": 0})))
     variant("sand-numfaps-0", sand, lambda s: s["SandTessaline"]["devices"][0].update({"numFaps": 0}))
     variant("sand-numfaps-negative", sand,
             lambda s: s["SandTessaline"]["devices"][0].update({"numFaps": -1}))
