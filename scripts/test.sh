@@ -73,17 +73,19 @@ check_package() {
 # One fuzz target for `seconds`, over its seeds in the tree; new inputs go to a scratch folder
 # and the seeds stay as they are.
 fuzz_target() {
-    local target=$1 seeds=$2 seconds=$3 corpus
+    local target=$1 seeds=$2 seconds=$3 corpus status=0
     corpus=$(mktemp -d)
-    trap 'rm -rf "$corpus"' RETURN
     LSAN_OPTIONS=suppressions=$PWD/tests/lsan.supp \
         "build-fuzz/bin/$target" -max_total_time="$seconds" -print_final_stats=1 \
         -artifact_prefix="$corpus/" "$corpus" "$seeds" 2>&1 | grep -E '^(#[0-9]+ +DONE|stat::number_of_executed_units)' || true
     if ls "$corpus"/crash-* "$corpus"/leak-* "$corpus"/timeout-* >/dev/null 2>&1; then
         echo "FAILED: $target found an input that breaks what it fuzzes:" >&2
         ls "$corpus"/crash-* "$corpus"/leak-* "$corpus"/timeout-* 2>/dev/null >&2
-        return 1
+        status=1
     fi
+    # Not a RETURN trap: it would stay set, and fire again where the folder's name is gone.
+    rm -rf "$corpus"
+    return "$status"
 }
 
 # The store parser and checker, then the chip device daemon's request reader and parsers.
