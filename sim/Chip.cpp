@@ -142,7 +142,6 @@ int Chip::tableRoom(std::size_t entries, const char* table) {
 }
 
 int Chip::fabricCommand(const std::string& command, unsigned client) {
-    client_ = client;
     log("fabric " + command);
     std::string problem = malformation(family_, command);
     const std::vector<std::string> words = wordsOf(command);
@@ -155,7 +154,8 @@ int Chip::fabricCommand(const std::string& command, unsigned client) {
         return -1;
     }
     try {
-        const int result = family_ == Family::strata ? strataCommand(words) : sandCommand(words);
+        const int result =
+            family_ == Family::strata ? strataCommand(words, client) : sandCommand(words, client);
         if (result == 0) {
             afterCommand(words);
         }
@@ -223,10 +223,10 @@ std::size_t Chip::recordSize(unsigned long request, const unsigned char* known,
     return 0;
 }
 
-int Chip::strataCommand(const std::vector<std::string>& words) {
+int Chip::strataCommand(const std::vector<std::string>& words, unsigned client) {
     const auto number = [&](std::size_t i) { return std::stoi(words[i]); };
     if (words[0] == "ifadd") {
-        return newCpuDevice(words[1], client_);
+        return newCpuDevice(words[1], client);
     }
     if (words[0] == "internalvlan") {
         if (!ports_.has(words[1])) {
@@ -267,7 +267,7 @@ int Chip::strataCommand(const std::vector<std::string>& words) {
     return 0;
 }
 
-int Chip::sandCommand(const std::vector<std::string>& words) {
+int Chip::sandCommand(const std::vector<std::string>& words, unsigned client) {
     const auto number = [&](std::size_t i) { return std::stoi(words[i]); };
     const auto refuse = [](int error) {
         errno = error;
@@ -313,7 +313,7 @@ int Chip::sandCommand(const std::vector<std::string>& words) {
         if (fap == faps_.end() || !fap->second.up) {
             return refuse(ENODEV);
         }
-        if (newCpuDevice(words[1], client_) != 0) {
+        if (newCpuDevice(words[1], client) != 0) {
             return -1;
         }
         sandPorts_[words[1]] = SandPort{number(2), number(3), words[4]};

@@ -115,8 +115,8 @@ class Chip {
   private:
     // A command's words, split at blanks.
     static std::vector<std::string> wordsOf(const std::string& command);
-    int strataCommand(const std::vector<std::string>& words);
-    int sandCommand(const std::vector<std::string>& words);
+    int strataCommand(const std::vector<std::string>& words, unsigned client);
+    int sandCommand(const std::vector<std::string>& words, unsigned client);
     int newCpuDevice(const std::string& name, unsigned client);
     // Refuses, with a line in the chip log, when a table is full; 0 when it has room.
     int tableRoom(std::size_t entries, const char* table);
@@ -139,7 +139,6 @@ class Chip {
     std::string logPath_;
     std::FILE* log_ = nullptr;
     long logBytes_ = 0;
-    unsigned client_ = rootClient;
     std::map<unsigned, unsigned> devicesOf_; // client -> the CPU devices it had the chip make
     ChipPorts ports_;
     bool fabricReset_ = false;

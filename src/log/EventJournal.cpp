@@ -1,5 +1,7 @@
 #include "log/EventJournal.h"
 
+#include "util/OwnedFile.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -56,25 +58,18 @@ std::string unescaped(const std::string& text) {
 // they can write would be folded in as if a restore had recorded it. Opened without blocking
 // and without following a link; the descriptor, or -1 with what is wrong in problem.
 int trustedJournal(const std::string& path, int flags, std::string* problem) {
-    const int fd = ::open(path.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     struct stat status {};
     std::string wrong;
-    if (fd < 0 || fstat(fd, &status) != 0) {
-        wrong = errno == ELOOP ? "it is a link" : std::strerror(errno);
-    } else if (!S_ISREG(status.st_mode)) {
-        wrong = "it is not a regular file";
-    } else if (status.st_uid != geteuid()) {
-        wrong = "it belongs to uid " + std::to_string(status.st_uid);
-    } else if ((status.st_mode & 07777) != 0600) {
+    int fd = openOwned(path, flags, wrong, status);
+    if (fd >= 0 && (status.st_mode & 07777) != 0600) {
         char mode[8];
         std::snprintf(mode, sizeof mode, "%04o", status.st_mode & 07777);
         wrong = std::string("its mode is ") + mode + ", not 0600";
-    }
-    if (wrong.empty()) {
-        return fd;
+        ::close(fd);
+        fd = -1;
     }
     if (fd >= 0) {
-        ::close(fd);
+        return fd;
     }
     if (problem != nullptr) {
         *problem = "event journal " + path + " left alone: " + wrong;

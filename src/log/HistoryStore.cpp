@@ -1,6 +1,7 @@
 #include "log/HistoryStore.h"
 
 #include "log/EventJournal.h"
+#include "util/OwnedFile.h"
 #include "util/RestoreGuards.h"
 #include "util/Trace.h"
 
@@ -108,21 +109,14 @@ int pastDeadline(void* deadline) {
 // holds on -shm would keep every event in the journal. A file left readable by all (as older
 // versions made it) is made private. "" or what is wrong.
 std::string historyFileProblem(const std::string& path) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) {
-        return errno == ENOENT ? ""
-                               : path + ": " + (errno == ELOOP ? "a link" : std::strerror(errno));
-    }
     struct stat status {};
     std::string problem;
-    if (fstat(fd, &status) != 0) {
-        problem = path + ": " + std::strerror(errno);
-    } else if (!S_ISREG(status.st_mode)) {
-        problem = path + " is not a regular file";
-    } else if (status.st_uid != geteuid()) {
-        problem = path + " belongs to uid " + std::to_string(status.st_uid);
-    } else if ((status.st_mode & 077) != 0 && fchmod(fd, status.st_mode & 0700) != 0) {
-        problem = path + " cannot be made private: " + std::strerror(errno);
+    const int fd = openOwned(path, O_RDONLY, problem, status);
+    if (fd < 0) {
+        return errno == ENOENT ? "" : path + ": " + problem;
+    }
+    if ((status.st_mode & 077) != 0 && fchmod(fd, status.st_mode & 0700) != 0) {
+        problem = path + ": it cannot be made private: " + std::strerror(errno);
     }
     ::close(fd);
     return problem;

@@ -22,15 +22,13 @@ namespace {
 class Quiet {
   public:
     explicit Quiet(std::vector<std::string>& lines)
-        : sink_(Trace::sink()), levels_(Trace::levels()), handler_(assertionHandler()) {
+        : sink_(Trace::sink()), levels_(Trace::levels()) {
         Trace::levelsIs(1);
         Trace::sinkIs([&lines](std::string_view line) {
             lines.emplace_back(line.substr(std::string_view("Kestrune:0 ").size()));
         });
-        assertionHandlerIs(throwAssertionFailure);
     }
     ~Quiet() {
-        assertionHandlerIs(handler_);
         Trace::sinkIs(sink_);
         Trace::levelsIs(levels_);
     }
@@ -40,7 +38,7 @@ class Quiet {
   private:
     Trace::Sink sink_;
     std::uint16_t levels_;
-    AssertionHandler handler_;
+    AssertionsThrow assertions_;
     Log::Capture events_;
 };
 

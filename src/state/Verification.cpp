@@ -98,8 +98,7 @@ Verification verificationOfStore(const std::string& path) {
     {
         const Log::Capture notRecorded;
         // What the checker cannot foresee still must not end a process that only reads.
-        const AssertionHandler previous = assertionHandler();
-        assertionHandlerIs(throwAssertionFailure);
+        const AssertionsThrow assertionsThrow;
         try {
             if (const auto parser = configParserCreatorFactory()->createFromDocument(document)) {
                 config = parser->parse();
@@ -108,7 +107,6 @@ Verification verificationOfStore(const std::string& path) {
             result.problem =
                 std::string("a restore of this store ends the process: ") + failure.what();
         }
-        assertionHandlerIs(previous);
     }
     if (!config) {
         if (result.problem.empty()) {

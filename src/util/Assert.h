@@ -28,6 +28,19 @@ AssertionHandler assertionHandler();
 // A handler that throws AssertionFailure carrying the condition.
 [[noreturn]] void throwAssertionFailure(const char* condition, const char* file, int line);
 
+// For as long as it lives, a failed assertion throws AssertionFailure; then the handler the
+// caller had is back, however the scope is left.
+class AssertionsThrow {
+  public:
+    AssertionsThrow() : previous_(assertionHandler()) { assertionHandlerIs(throwAssertionFailure); }
+    ~AssertionsThrow() { assertionHandlerIs(previous_); }
+    AssertionsThrow(const AssertionsThrow&) = delete;
+    AssertionsThrow& operator=(const AssertionsThrow&) = delete;
+
+  private:
+    AssertionHandler previous_;
+};
+
 } // namespace Kestrune
 
 #define KESTRUNE_ASSERT(condition) KESTRUNE_ASSERT_TEXT(condition, #condition)

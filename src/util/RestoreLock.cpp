@@ -1,5 +1,7 @@
 #include "util/RestoreLock.h"
 
+#include "util/OwnedFile.h"
+
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -9,26 +11,6 @@
 #include <unistd.h>
 
 namespace Kestrune {
-
-namespace {
-
-// flock works on any descriptor, read-only too: whoever can open the lock can hold it. So the
-// folder and the file must be this process's own, and nobody else may open or replace them.
-std::string ownershipProblem(const struct stat& status, const std::string& path, bool folder) {
-    if (folder ? !S_ISDIR(status.st_mode) : !S_ISREG(status.st_mode)) {
-        return path + (folder ? " is not a folder" : " is not a regular file");
-    }
-    if (status.st_uid != geteuid()) {
-        return path + " belongs to uid " + std::to_string(status.st_uid) + ", not " +
-               std::to_string(geteuid());
-    }
-    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-        return path + " can be written by others";
-    }
-    return {};
-}
-
-} // namespace
 
 RestoreLock::RestoreLock(std::string path) : path_(std::move(path)) {}
 
@@ -45,21 +27,23 @@ bool RestoreLock::doTake() {
     const mode_t mask = umask(0);
     mkdir(folder.c_str(), 0755);
     umask(mask);
-    // The folder is opened without following a link and checked through that descriptor, so
-    // what is checked is what the lock is made in.
-    const int dir = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    // flock works on any descriptor, read-only too: whoever can open the lock can hold it. So
+    // the folder must be this process's own and closed to others' writes, and the lock must be
+    // nobody else's to open. Both are checked through their descriptors, so what is checked is
+    // what the lock is made in.
+    std::string problem;
     struct stat status {};
-    if (dir < 0 || fstat(dir, &status) != 0) {
-        error_ = "cannot open the restore lock's folder " + folder + ": " +
-                 (errno == ELOOP || errno == ENOTDIR ? "it is a link or not a folder"
-                                                     : std::strerror(errno));
-        if (dir >= 0) {
-            ::close(dir);
-        }
+    const int dir = openOwned(folder, O_RDONLY | O_DIRECTORY, problem, status, true);
+    if (dir < 0) {
+        error_ = errno == EPERM
+                     ? "will not lock in " + folder + ": " + problem
+                     : "cannot open the restore lock's folder " + folder + ": " +
+                           (errno == ELOOP || errno == ENOTDIR ? "it is a link or not a folder"
+                                                               : problem);
         return false;
     }
-    if (std::string problem = ownershipProblem(status, folder, true); !problem.empty()) {
-        error_ = "will not lock in " + folder + ": " + problem;
+    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        error_ = "will not lock in " + folder + ": others can write it";
         ::close(dir);
         return false;
     }
@@ -72,10 +56,12 @@ bool RestoreLock::doTake() {
     }
     // A lock left by an older version may be readable by all: make it this process's alone
     // before anything else can open it again.
-    if (fstat(fd, &status) != 0 || !ownershipProblem(status, path_, false).empty() ||
-        ((status.st_mode & 07777) != 0600 && fchmod(fd, 0600) != 0)) {
-        error_ = "will not use the restore lock " + path_ + ": " +
-                 ownershipProblem(status, path_, false);
+    problem = fstat(fd, &status) != 0 ? std::strerror(errno) : notOwnedBecause(status);
+    if (problem.empty() && (status.st_mode & 07777) != 0600 && fchmod(fd, 0600) != 0) {
+        problem = std::string("it cannot be made 0600: ") + std::strerror(errno);
+    }
+    if (!problem.empty()) {
+        error_ = "will not use the restore lock " + path_ + ": " + problem;
         ::close(fd);
         return false;
     }

@@ -170,18 +170,18 @@ void addSimulateCommand(CLI::App& app, int& status) {
             Trace::levelsIs(0);
             const Verification verified = verification(*restored);
             Trace::levelsIs(levels);
-            std::cout << "\n" << verified.text();
-            extra.emplace_back("verify", verified.json());
-            drifted = verified.exitStatus() != 0;
-        }
-        if (stopSignal() != 0 && report.stoppedBy == 0) {
-            // Asked to stop while reading back (which may have cut a command short): the run
-            // was stopped, whatever the reading found.
-            report.stoppedBy = stopSignal();
-            ProcessGuard::doRecordStop(report.stoppedBy);
-            std::cout << "\nStopped by " << signalName(report.stoppedBy) << " while verifying\n";
-            extra.resize(1);
-            drifted = false;
+            if (stopSignal() != 0) {
+                // Asked to stop while reading back (which may have cut a command short): the
+                // run was stopped, whatever the reading found.
+                report.stoppedBy = stopSignal();
+                ProcessGuard::doRecordStop(report.stoppedBy);
+                std::cout << "\nStopped by " << signalName(report.stoppedBy)
+                          << " while verifying\n";
+            } else {
+                std::cout << "\n" << verified.text();
+                extra.emplace_back("verify", verified.json());
+                drifted = verified.exitStatus() != 0;
+            }
         }
         const bool reported =
             options->report.empty() || reportWritten(options->report, report.json(extra));
