@@ -29,14 +29,26 @@ ConfigParser::Ptr ConfigParserCreator::createFrom(const std::string& path) {
     TRACE(3) << "create"
              << " pstore file= " << path;
 
-    std::string bytes;
-    std::string reason;
-    const bool bounded = restoreGuards().storeBounds;
-    const StoreFile::Outcome read = StoreFile::doRead(path, bytes, reason, bounded);
-    if (read != StoreFile::Outcome::Read) {
+    const auto notPresent = [&] {
         TRACE(0) << "create"
                  << " " << path << " file not present";
         eventIs("create " + path + " file not present");
+    };
+    std::string reason;
+    if (!restoreGuards().storeBounds) {
+        rapidjson::Document document;
+        if (!StoreFile::doParseStream(path, document, reason)) {
+            notPresent();
+            return nullptr;
+        }
+        return createFromDocument(document);
+    }
+    // Bounded: the bytes are read whole, within the bound, so that where they stop being JSON
+    // can be said before the assertion.
+    std::string bytes;
+    const StoreFile::Outcome read = StoreFile::doRead(path, bytes, reason);
+    if (read != StoreFile::Outcome::Read) {
+        notPresent();
         if (read != StoreFile::Outcome::NotReadable) {
             // Something is there, but not a store: worth its own line in the history.
             TRACE(0) << "create " << reason;
@@ -46,7 +58,7 @@ ConfigParser::Ptr ConfigParserCreator::createFrom(const std::string& path) {
     }
 
     rapidjson::Document document;
-    if (!StoreFile::doParse(bytes, document, reason, bounded) && bounded) {
+    if (!StoreFile::doParse(bytes, document, reason)) {
         // The document stays null, which the first lookup below asserts on: a corrupt store
         // is not something a restore can recover from. Where it went wrong is recorded first.
         TRACE(0) << "create " << path << " is not JSON: " << reason;

@@ -4,10 +4,13 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <cstdio>
 #include <rapidjson/error/en.h>
+#include <rapidjson/filereadstream.h>
 #include <rapidjson/memorystream.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace Kestrune {
 
@@ -67,27 +70,22 @@ std::string failure(const std::string& path, const char* what) {
 } // namespace
 
 StoreFile::Outcome StoreFile::doRead(const std::string& path, std::string& bytes,
-                                     std::string& reason, bool bounded) {
+                                     std::string& reason) {
     // Non-blocking, so that opening a FIFO does not wait for a writer.
-    const int fd = ::open(path.c_str(), O_RDONLY | (bounded ? O_NONBLOCK : 0) | O_CLOEXEC);
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) {
         reason = failure(path, "cannot be opened");
         return Outcome::NotReadable;
     }
     struct stat status {};
     Outcome outcome = Outcome::Read;
-    const std::size_t limit = bounded ? maxBytes : bytes.max_size() - 1;
-    // Unbounded, whatever is there is read as a stream reads it; the size only sizes the buffer.
     if (fstat(fd, &status) != 0) {
-        status.st_size = 0;
-        if (bounded) {
-            reason = failure(path, "cannot be examined");
-            outcome = Outcome::NotReadable;
-        }
-    } else if (bounded && !S_ISREG(status.st_mode)) {
+        reason = failure(path, "cannot be examined");
+        outcome = Outcome::NotReadable;
+    } else if (!S_ISREG(status.st_mode)) {
         reason = path + " is not a regular file";
         outcome = Outcome::NotRegular;
-    } else if (bounded && static_cast<std::size_t>(status.st_size) > maxBytes) {
+    } else if (static_cast<std::size_t>(status.st_size) > maxBytes) {
         reason = path + " is " + std::to_string(status.st_size) + " bytes, more than a store's " +
                  std::to_string(maxBytes);
         outcome = Outcome::TooLarge;
@@ -98,7 +96,7 @@ StoreFile::Outcome StoreFile::doRead(const std::string& path, std::string& bytes
         // The file may grow or shrink while it is read: read to its end, within the bound.
         for (;;) {
             if (done == bytes.size()) {
-                bytes.resize(std::min(limit + 1, bytes.size() + 65536));
+                bytes.resize(std::min(maxBytes + 1, bytes.size() + 65536));
                 if (done == bytes.size()) {
                     break;
                 }
@@ -108,8 +106,7 @@ StoreFile::Outcome StoreFile::doRead(const std::string& path, std::string& bytes
                 continue;
             }
             if (count <= 0) {
-                // Unbounded, a read error ends the bytes as it ends a stream's.
-                if (count < 0 && bounded) {
+                if (count < 0) {
                     reason = failure(path, "cannot be read");
                     outcome = Outcome::NotReadable;
                 }
@@ -118,7 +115,7 @@ StoreFile::Outcome StoreFile::doRead(const std::string& path, std::string& bytes
             done += static_cast<std::size_t>(count);
         }
         bytes.resize(done);
-        if (outcome == Outcome::Read && done > limit) {
+        if (outcome == Outcome::Read && done > maxBytes) {
             reason = path + " is more than a store's " + std::to_string(maxBytes) + " bytes";
             outcome = Outcome::TooLarge;
         }
@@ -127,13 +124,27 @@ StoreFile::Outcome StoreFile::doRead(const std::string& path, std::string& bytes
     return outcome;
 }
 
+bool StoreFile::doParseStream(const std::string& path, rapidjson::Document& document,
+                              std::string& reason) {
+    std::FILE* file = std::fopen(path.c_str(), "re");
+    if (file == nullptr) {
+        reason = failure(path, "cannot be opened");
+        return false;
+    }
+    std::vector<char> buffer(65535);
+    rapidjson::FileReadStream stream(file, buffer.data(), buffer.size());
+    document.ParseStream<rapidjson::kParseIterativeFlag>(stream);
+    std::fclose(file);
+    return true;
+}
+
 bool StoreFile::doParse(const std::string& bytes, rapidjson::Document& document,
-                        std::string& reason, bool bounded) {
+                        std::string& reason) {
     rapidjson::MemoryStream stream(bytes.data(), bytes.size());
     rapidjson::Reader reader;
     bool tooDeep = false;
     auto generator = [&](rapidjson::Document& handler) {
-        DepthBounded depthBounded(handler, bounded ? maxDepth : ~0U);
+        DepthBounded depthBounded(handler, maxDepth);
         const bool parsed =
             !reader.Parse<rapidjson::kParseIterativeFlag>(stream, depthBounded).IsError();
         tooDeep = depthBounded.tooDeep();

@@ -59,7 +59,7 @@ void assertionFailed(const char* condition, const char* file, int line) {
         std::fprintf(stderr, "%sKestrune: the restore ended after its last failure: %s\n", critical,
                      Log::lastEvent().c_str());
     }
-    if (std::strstr(file, "rapidjson/")) {
+    if (restoreGuards().extraReports && std::strstr(file, "rapidjson/")) {
         // The JSON library's own type checks fail only on a store of the wrong shape.
         std::fprintf(stderr, "Kestrune: the persistent store holds a value of the wrong JSON "
                              "type; `kestrune check` on the store shows where\n");

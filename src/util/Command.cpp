@@ -125,9 +125,9 @@ pid_t forkCommand(const char* program, char* const argv[], const std::array<int,
     return pid;
 }
 
-// Starts the command; the child's pid, or -1 with the reason traced.
-pid_t spawn(const std::string& commandLine, int stdinFd, int stdoutFd, int stderrFd) {
-    const std::vector<std::string> words = commandArgv(commandLine);
+// Starts the command of these words; the child's pid, or -1 with the reason traced.
+pid_t spawnWords(const std::string& commandLine, const std::vector<std::string>& words,
+                 int stdinFd, int stdoutFd, int stderrFd) {
     if (words.empty()) {
         TRACE_EXTRA(0) << "runCommand"
                        << " empty command line";
@@ -181,6 +181,11 @@ pid_t spawn(const std::string& commandLine, int stdinFd, int stdoutFd, int stder
     TRACE_EXTRA(9) << "runCommand"
                    << " started " << commandLine << " pid " << pid;
     return pid;
+}
+
+// Starts the command line without a shell; the child's pid, or -1 with the reason traced.
+pid_t spawn(const std::string& commandLine, int stdinFd, int stdoutFd, int stderrFd) {
+    return spawnWords(commandLine, commandArgv(commandLine), stdinFd, stdoutFd, stderrFd);
 }
 
 int statusOf(const std::string& commandLine, int status) {
@@ -348,8 +353,13 @@ std::string exec(const char* command) {
         std::printf("Unable to run cmd: %s", command);
         return {};
     }
+    // The sequence runs the line through the shell, as popen does; the guard keeps the store's
+    // text away from one.
     const pid_t pid =
-        Kestrune::spawn(command, Kestrune::commandInherit, ends[1], Kestrune::commandInherit);
+        Kestrune::restoreGuards().noShell
+            ? Kestrune::spawn(command, Kestrune::commandInherit, ends[1], Kestrune::commandInherit)
+            : Kestrune::spawnWords(command, {"/bin/sh", "-c", command}, Kestrune::commandInherit,
+                                   ends[1], Kestrune::commandInherit);
     close(ends[1]);
     if (pid < 0) {
         close(ends[0]);

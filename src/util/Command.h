@@ -1,9 +1,10 @@
 #pragma once
 
-// Command lines run by the restore. No shell is ever involved: a line is split on blanks into
-// the program and its arguments and started with vfork and exec, the program searched on PATH
-// when it is a bare name. So no text from the store can start a command of its own. A command
-// leads its own process group and dies with the restore, however the restore ends.
+// Command lines run by the restore. runCommand and the filter-rule tools involve no shell: a
+// line is split on blanks into the program and its arguments and started with vfork and exec,
+// the program searched on PATH when it is a bare name. `exec` starts its line through /bin/sh,
+// as the sequence says, unless RestoreGuards::noShell is on. A command leads its own process
+// group and dies with the restore, however the restore ends.
 
 #include <chrono>
 #include <string>

@@ -23,6 +23,8 @@ RestoreGuards RestoreGuards::all() {
     guards.storeBounds = true;
     guards.valueRanges = true;
     guards.extraReports = true;
+    guards.noShell = true;
+    guards.traceEscaping = true;
     return guards;
 }
 

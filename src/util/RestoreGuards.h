@@ -36,12 +36,24 @@ struct RestoreGuards {
     bool storeBounds = false;
     // A VLAN id outside 1 to 4094 (an SVI's number, a subinterface's encapsulation) fails its
     // device, and a prefix length past the family's (32, 128) fails its address, instead of
-    // being cut to the kernel field's width: 65537 would make VLAN 1, /256 a /0.
+    // being cut to the kernel field's width: 65537 would make VLAN 1, /256 a /0. A prefix
+    // length that is no number ("/abc") fails its address too, where the sequence lets the
+    // conversion's error out of ipAddrAdd and ends the process; and a store integer from 2^31
+    // to 2^32-1 is read as the unsigned value it is, where the sequence's integer read ends the
+    // process on it, so that the range checks above can say what is wrong with it.
     bool valueRanges = false;
+    // `exec` (the "schan" register commands) starts its command without a shell: the line is
+    // split on blanks and the program found on PATH. The sequence starts it through /bin/sh.
+    bool noShell = false;
+    // Control bytes in a trace line's message are written escaped (\n, \x1b), so that a name
+    // from the store cannot forge a trace line or drive a terminal; the sequence writes the
+    // message as it is.
+    bool traceEscaping = false;
     // Trace lines and events that the sequence does not have: a command that cannot start or
     // that a signal ended, a namespace that cannot be entered, each VRF device made, the
     // events recorded (level 9), a history that cannot be written, a link refused where a
-    // namespace is mounted, and an `Assertion` event for the assertion a restore ends on.
+    // namespace is mounted, an `Assertion` event for the assertion a restore ends on, and
+    // after a JSON type assertion a line that says the store holds a value of the wrong type.
     bool extraReports = false;
 
     // All of the above, with the command line's deadline and stop grace.

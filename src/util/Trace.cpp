@@ -1,5 +1,6 @@
 #include "util/Trace.h"
 
+#include "util/RestoreGuards.h"
 #include "util/Text.h"
 
 #include <charconv>
@@ -63,6 +64,11 @@ void Trace::write(int level, std::string_view message) {
     std::string line = "Kestrune:";
     line += static_cast<char>('0' + level);
     line += ' ';
+    if (!restoreGuards().traceEscaping) {
+        line += message;
+        currentSink()(line);
+        return;
+    }
     // A name holding a newline must not forge a trace line of its own; a message may still
     // end its own line, as some of the restore's texts do.
     const bool ownEnd = !message.empty() && message.back() == '\n';

@@ -201,6 +201,12 @@ unsigned addressToAdd(int netlinkFd, const char* operation, int family,
     if (index == 0) {
         return 0;
     }
+    if (!Kestrune::restoreGuards().valueRanges) {
+        // The sequence lets a prefix length that is no number end the restore: the
+        // conversion's error leaves ipAddrAdd for its caller, and nothing catches it.
+        std::string text;
+        getAddrAndPrefix(address, text, prefixLength);
+    }
     if (const std::string problem = addressProblem(address, family, parsed, prefixLength);
         !problem.empty()) {
         TRACE_EXTRA(0) << operation << " " << deviceName << " " << problem;

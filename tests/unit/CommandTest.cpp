@@ -15,6 +15,9 @@
 #include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
+#include <linux/netlink.h>
+#include <stdexcept>
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace Kestrune::Testing {
@@ -232,6 +235,54 @@ INSTANTIATE_TEST_SUITE_P(
                         require(input.write("rules\n") == 6);
                         require(input.close() == -1);
                         require(::runCommand("true") == -1);
+                    }},
+        // popen's shell: a pipe runs, and a program the shell cannot find is the shell's
+        // complaint on standard error, not the library's line on standard output.
+        DefaultCase{"ExecStartsTheLineThroughTheShell", false,
+                    [] {
+                        require(exec("echo shell-ok | tr a-z A-Z") == "SHELL-OK\n");
+                        std::string output = "not run";
+                        require(stdoutOf([&] {
+                                    output = exec("kestrune-no-such-program readreg 1 2>/dev/null");
+                                }) == "");
+                        require(output.empty());
+                    }},
+        DefaultCase{"TheNoShellGuardRunsOnlyTheProgramNamed", true,
+                    [] {
+                        require(exec("echo shell-ok | tr a-z A-Z") == "shell-ok | tr a-z A-Z\n");
+                        std::string output = "not run";
+                        require(stdoutOf([&] { output = exec("kestrune-no-such-program 1"); }) ==
+                                "Unable to run cmd: kestrune-no-such-program 1");
+                        require(output.empty());
+                    }},
+        // The conversion's error is the caller's, before anything reaches the kernel.
+        DefaultCase{"APrefixLengthThatIsNoNumberLeavesIpAddrAdd", false,
+                    [] {
+                        const int netlink = socket(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE);
+                        require(netlink >= 0);
+                        const auto thrown = [&](const std::string& text, bool six) {
+                            try {
+                                six ? ip6AddrAdd(netlink, "lo", text)
+                                    : ipAddrAdd(netlink, "lo", text, false);
+                            } catch (const std::invalid_argument&) {
+                                return std::string("invalid_argument");
+                            } catch (const std::out_of_range&) {
+                                return std::string("out_of_range");
+                            }
+                            return std::string("none");
+                        };
+                        require(thrown("127.0.0.10/abc", false) == "invalid_argument");
+                        require(thrown("127.0.0.10/", false) == "invalid_argument");
+                        require(thrown("127.0.0.10/99999999999", false) == "out_of_range");
+                        require(thrown("fd00::1/x", true) == "invalid_argument");
+                    }},
+        DefaultCase{"TheValueRangeGuardFailsOnlyThatAddress", true,
+                    [] {
+                        const int netlink = socket(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE);
+                        require(netlink >= 0);
+                        require(!ipAddrAdd(netlink, "lo", "127.0.0.10/abc", false));
+                        require(!ipAddrAdd(netlink, "lo", "127.0.0.10/99999999999", false));
+                        require(!ip6AddrAdd(netlink, "lo", "fd00::1/x"));
                     }},
         DefaultCase{
             "KernelNamesAsThePlatformRuleGivesThem", false,

@@ -3,11 +3,14 @@
 #include "Scenario.h"
 #include "parser/SandConfigParser.h"
 #include "parser/StrataConfigParser.h"
+#include "util/Assert.h"
+#include "util/RestoreGuards.h"
 
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 namespace Kestrune {
 namespace {
@@ -143,6 +146,31 @@ TEST(ConfigParserCreator, StoresThatCannotBeReadEndTheProcessOnARecordedAssertio
             EXPECT_NE(outcome.events[0].message.find(c.where), std::string::npos)
                 << outcome.events[0].message;
         }
+    }
+}
+
+// A store that is a device of endless bytes: the sequence's stream parse stops at the first
+// byte that is not JSON and ends on the "IsObject()" assertion, having read one buffer; the
+// store-bounds guard refuses the device before reading it. The address space is bounded, so
+// a parser that read on would fail here rather than take the machine's memory.
+TEST(ConfigParserCreator, ADeviceOfEndlessBytesEndsAtOnceOrIsRefusedByTheGuard) {
+    for (const bool guarded : {false, true}) {
+        TempDir dir;
+        std::filesystem::create_symlink("/dev/zero", dir.file("zel-persistent-store.json"));
+        const Outcome outcome = runProcess(dir, [&] {
+            if (!guarded) {
+                restoreGuardsIs(RestoreGuards{});
+            }
+            const rlimit memory{std::size_t{512} << 20, std::size_t{512} << 20};
+            setrlimit(RLIMIT_AS, &memory);
+            assertionHandlerIs([](const char* condition, const char*, int) {
+                std::_Exit(std::string(condition) == "IsObject()" ? 42 : 43);
+            });
+            setenv("ZEL_PSTORE_PATH", dir.path().c_str(), 1);
+            std::exit(configParserCreatorFactory()->create() ? Strata : NoParser);
+        });
+        EXPECT_TRUE(outcome.exited) << "guarded " << guarded << ": signal " << outcome.signal;
+        EXPECT_EQ(outcome.exitCode, guarded ? NoParser : 42) << "guarded " << guarded;
     }
 }
 

@@ -362,5 +362,50 @@ TEST(SectionExtractors, ImpossibleStoresEndTheProcessOnARecordedAssertion) {
     }
 }
 
+// The store's integers are the agents' ints: one from 2^31 to 2^32-1 ends the process on
+// the JSON library's integer assertion, where the value-range guard reads it as the unsigned
+// value it is, for its range checks to name. A negative one keeps its bits either way.
+TEST(SectionExtractors, IntegersPastTheIntRangeEndTheProcessUnlessTheValueRangeGuardReadsThem) {
+    const auto port = [](const char* modId, const char* number) {
+        return std::string(R"({"platformType": "Strata", "devices": [], "interfaces": {
+            "Ethernet1/1": {"modId": )") +
+               modId + R"(, "port": )" + number + R"(, "uc_qbase": 16, "mc_qbase": 48}}})";
+    };
+    struct Row {
+        const char* what;
+        std::map<std::string, std::string> sections;
+        std::array<std::string, 3> guarded; // the model the guard reads
+    };
+    const Row rows[] = {
+        {"encapsulation VLAN 3000000000",
+         {{"Tessaline", ports},
+          {"Vant", R"({"bridgeMacAddr": "m", "subIntfNameToEncapVlanId": {"Ethernet1/1.5": 3000000000}})"}},
+         {"Ethernet1/1.5", "encapVlan", "3000000000"}},
+        {"modId 3000000000", {{"Tessaline", port("3000000000", "1")}}, {"Ethernet1/1", "modId", "3000000000"}},
+        {"port 4294967295", {{"Tessaline", port("0", "4294967295")}}, {"Ethernet1/1", "port", "4294967295"}},
+    };
+    for (const Row& row : rows) {
+        for (const bool libraryDefaults : {true, false}) {
+            TempDir dir;
+            const ParseOutcome outcome = parseIn(
+                dir, Family::Strata, storeWith(Family::Strata, row.sections), libraryDefaults);
+            if (libraryDefaults) {
+                EXPECT_EQ(outcome.process.signal, SIGABRT) << row.what;
+            } else {
+                EXPECT_TRUE(outcome.process.exited) << row.what;
+                EXPECT_EQ(modelText(outcome.model, row.guarded), row.guarded[2]) << row.what;
+            }
+        }
+    }
+    for (const bool libraryDefaults : {true, false}) {
+        TempDir dir;
+        const ParseOutcome outcome =
+            parseIn(dir, Family::Strata, storeWith(Family::Strata, {{"Tessaline", port("-1", "2")}}),
+                    libraryDefaults);
+        EXPECT_TRUE(outcome.process.exited);
+        EXPECT_EQ(modelText(outcome.model, {"Ethernet1/1", "modId", ""}), "4294967295");
+    }
+}
+
 } // namespace
 } // namespace Kestrune

@@ -1,5 +1,7 @@
 #include "StoreScenario.h"
 
+#include "util/RestoreGuards.h"
+
 #include "model/LagInterface.h"
 #include "model/SandConfig.h"
 #include "model/StrataConfig.h"
@@ -44,10 +46,14 @@ void describe(std::ostream& out, const Config& config) {
 
 } // namespace
 
-ParseOutcome parseIn(const TempDir& dir, Family family, const std::string& store) {
+ParseOutcome parseIn(const TempDir& dir, Family family, const std::string& store,
+                     bool libraryDefaults) {
     const std::string modelFile = dir.file("model.txt");
     ParseOutcome result;
     result.process = runProcess(dir, [&] {
+        if (libraryDefaults) {
+            restoreGuardsIs(RestoreGuards{});
+        }
         rapidjson::Document document;
         document.Parse(store.c_str());
         ConfigParser::Ptr parser;

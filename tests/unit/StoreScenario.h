@@ -23,8 +23,10 @@ struct ParseOutcome {
 
 enum class Family { Strata, Sand };
 
-// Parses `store` with the family's parser in a child process, as the restore does.
-ParseOutcome parseIn(const TempDir& dir, Family family, const std::string& store);
+// Parses `store` with the family's parser in a child process, as the restore does: with the
+// command line's guards, or with none (`libraryDefaults`), as a start-up process that sets none.
+ParseOutcome parseIn(const TempDir& dir, Family family, const std::string& store,
+                     bool libraryDefaults = false);
 
 // A store of the family in which every section is present and empty, so it parses without a
 // message; `sections` replaces or adds top-level members (raw JSON text by key), and an empty

@@ -1,5 +1,7 @@
 #include "util/Trace.h"
 
+#include "util/RestoreGuards.h"
+
 #include <gtest/gtest.h>
 #include <stdexcept>
 
@@ -31,6 +33,24 @@ TEST_F(TraceCapture, LinesCarryTheFacilityAndLevel) {
     TRACE(9) << "not enabled";
     EXPECT_EQ(lines, (std::vector<std::string>{"Kestrune:0 create /mnt/flash/x file not present",
                                                "Kestrune:3 create pstore file= 42"}));
+}
+
+// A name from the store holding a newline or a terminal's escape: the sequence writes the
+// message as it is; the escaping guard keeps it on its own line and inert.
+TEST_F(TraceCapture, ControlBytesAreEscapedOnlyUnderTheGuard) {
+    Trace::levelsIs(Trace::levelsOf("0"));
+    const RestoreGuards saved = restoreGuards();
+    const std::string name = "et1\nKestrune:0 forged\x1b[2J";
+    for (const bool escaping : {false, true}) {
+        RestoreGuards guards = saved;
+        guards.traceEscaping = escaping;
+        restoreGuardsIs(guards);
+        TRACE(0) << "Unable to create " << name << "\n";
+    }
+    restoreGuardsIs(saved);
+    EXPECT_EQ(lines, (std::vector<std::string>{
+                         "Kestrune:0 Unable to create et1\nKestrune:0 forged\x1b[2J\n",
+                         "Kestrune:0 Unable to create et1\\nKestrune:0 forged\\x1b[2J\n"}));
 }
 
 TEST_F(TraceCapture, ADisabledLevelDoesNotEvaluateItsMessage) {
