@@ -1,15 +1,21 @@
 #include "state/QueueHolder.h"
 
 #include "log/Log.h"
+#include "util/RestoreGuards.h"
 #include "util/Trace.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
 #include <fstream>
 #include <poll.h>
+#include <set>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -32,25 +38,73 @@ std::string firstLine(const std::string& path, char separator = '\n') {
     return line;
 }
 
-// The pid the file names when it is a holder of ours, else 0: a pid file can outlive its
-// process, and the pid be someone else's by now. A holder an earlier version started was
+// The network namespace a process is in, as its link names it.
+std::string netNamespaceOf(const std::string& proc) {
+    std::array<char, 64> target{};
+    const ssize_t length = readlink((proc + "/ns/net").c_str(), target.data(), target.size() - 1);
+    return length > 0 ? std::string(target.data(), static_cast<std::size_t>(length)) : "";
+}
+
+// Whether the process is a holder of ours: named so, leading its own session, this user's,
+// and in this process's network namespace (a switch has one default namespace; a test
+// machine may run several restores side by side). A holder an earlier version started was
 // `kestrune hold`.
-pid_t runningHolder() {
-    std::ifstream file(QueueHolder::pidFile);
-    pid_t pid = 0;
-    if (!(file >> pid) || pid <= 0) {
-        return 0;
-    }
+bool isHolder(pid_t pid) {
     const std::string proc = "/proc/" + std::to_string(pid);
+    struct stat status {};
+    if (stat(proc.c_str(), &status) != 0 || status.st_uid != geteuid() ||
+        netNamespaceOf(proc) != netNamespaceOf("/proc/self")) {
+        return false;
+    }
     if (firstLine(proc + "/comm") == holderName) {
-        return pid;
+        // The session is the fifth field of stat, after the name in parentheses.
+        const std::string stat = firstLine(proc + "/stat");
+        const std::size_t nameEnd = stat.rfind(')');
+        pid_t parent = 0;
+        pid_t group = 0;
+        pid_t session = 0;
+        char state = 0;
+        return nameEnd != std::string::npos &&
+               std::sscanf(stat.c_str() + nameEnd + 1, " %c %d %d %d", &state, &parent, &group,
+                           &session) == 4 &&
+               session == pid;
     }
     std::ifstream commandLine(proc + "/cmdline");
     std::string argv0;
     std::string argv1;
     std::getline(commandLine, argv0, '\0');
     std::getline(commandLine, argv1, '\0');
-    return argv1 == "hold" && argv0.find("kestrune") != std::string::npos ? pid : 0;
+    return argv1 == "hold" && argv0.find("kestrune") != std::string::npos;
+}
+
+// The pid the file names when it is a holder of ours, else 0: a pid file can outlive its
+// process, and the pid be someone else's by now.
+pid_t holderOfPidFile() {
+    std::ifstream file(QueueHolder::pidFile);
+    pid_t pid = 0;
+    return file >> pid && pid > 0 && isHolder(pid) ? pid : 0;
+}
+
+// Every holder of ours that runs: the pid file's, and any other found by its name and session,
+// for a pid file that was removed, or names another process, while its holder lived.
+std::set<pid_t> runningHolders() {
+    std::set<pid_t> holders;
+    if (const pid_t named = holderOfPidFile(); named != 0) {
+        holders.insert(named);
+    }
+    DIR* proc = opendir("/proc");
+    for (const dirent* entry = proc ? readdir(proc) : nullptr; entry != nullptr;
+         entry = readdir(proc)) {
+        char* end = nullptr;
+        const long pid = std::strtol(entry->d_name, &end, 10);
+        if (*end == '\0' && pid > 0 && pid != getpid() && isHolder(static_cast<pid_t>(pid))) {
+            holders.insert(static_cast<pid_t>(pid));
+        }
+    }
+    if (proc != nullptr) {
+        closedir(proc);
+    }
+    return holders;
 }
 
 // Waits up to `ms` for the process to be gone.
@@ -68,9 +122,11 @@ bool gone(pid_t pid, int ms) {
 // In the new process, a copy of the caller that never returns to it: only the queues stay
 // open, no handler of the caller's runs, and it waits until told to end. No exec: the library
 // cannot count on any program of its own being installed beside the caller.
-[[noreturn]] void becomeHolder(std::vector<int> queues) {
+[[noreturn]] void becomeHolder(std::vector<int> queues, int ready) {
     setsid();
     prctl(PR_SET_NAME, holderName);
+    // Findable by its name and session from here on.
+    [[maybe_unused]] const ssize_t told = write(ready, "r", 1);
     std::sort(queues.begin(), queues.end());
     unsigned next = 0;
     for (const int queue : queues) {
@@ -103,21 +159,29 @@ bool gone(pid_t pid, int ms) {
 } // namespace
 
 bool QueueHolder::doEndPrevious(std::string& problem) {
-    const pid_t pid = runningHolder();
-    if (pid == 0) {
-        return true;
+    const std::set<pid_t> holders = runningHolders();
+    if (!holders.empty() && holderOfPidFile() == 0) {
+        TRACE_EXTRA(0) << "QueueHolder " << pidFile << " names no holder; ending " << holders.size()
+                       << " found by name";
     }
-    kill(pid, SIGTERM);
-    if (gone(pid, 2000)) {
+    std::vector<pid_t> stubborn;
+    for (const pid_t pid : holders) {
+        kill(pid, SIGTERM);
+    }
+    for (const pid_t pid : holders) {
+        if (!gone(pid, 2000)) {
+            kill(pid, SIGKILL);
+            if (!gone(pid, 2000)) {
+                stubborn.push_back(pid);
+            }
+        }
+    }
+    if (stubborn.empty()) {
         unlink(pidFile);
         return true;
     }
-    kill(pid, SIGKILL);
-    if (gone(pid, 2000)) {
-        unlink(pidFile);
-        return true;
-    }
-    problem = "the queue holder " + std::to_string(pid) + " of a previous restore did not end";
+    problem = "the queue holder " + std::to_string(stubborn.front()) +
+              " of a previous restore did not end";
     return false;
 }
 
@@ -141,17 +205,30 @@ bool QueueHolder::doHold(const std::vector<int>& queues, std::string& problem) {
         problem = reason(std::string("cannot write ") + pidFile);
         return false;
     }
-    // What the caller has buffered is written once, by the caller.
-    std::fflush(nullptr);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        becomeHolder(queues);
-    }
-    if (pid < 0) {
+    std::array<int, 2> ready{-1, -1};
+    if (pipe2(ready.data(), O_CLOEXEC) != 0) {
         problem = reason("cannot start the queue holder");
         close(file);
         return false;
     }
+    // What the caller has buffered is written once, by the caller.
+    std::fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        becomeHolder(queues, ready[1]);
+    }
+    close(ready[1]);
+    if (pid < 0) {
+        problem = reason("cannot start the queue holder");
+        close(ready[0]);
+        close(file);
+        return false;
+    }
+    // Returns once the holder has its name, so that a restore right after this one finds it
+    // even where the pid file is gone.
+    pollfd named{ready[0], POLLIN, 0};
+    poll(&named, 1, 2000);
+    close(ready[0]);
     const std::string text = std::to_string(pid) + "\n";
     const bool written = write(file, text.data(), text.size()) == static_cast<ssize_t>(text.size());
     close(file);

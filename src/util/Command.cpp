@@ -126,8 +126,8 @@ pid_t forkCommand(const char* program, char* const argv[], const std::array<int,
 }
 
 // Starts the command of these words; the child's pid, or -1 with the reason traced.
-pid_t spawnWords(const std::string& commandLine, const std::vector<std::string>& words,
-                 int stdinFd, int stdoutFd, int stderrFd) {
+pid_t spawnWords(const std::string& commandLine, const std::vector<std::string>& words, int stdinFd,
+                 int stdoutFd, int stderrFd) {
     if (words.empty()) {
         TRACE_EXTRA(0) << "runCommand"
                        << " empty command line";

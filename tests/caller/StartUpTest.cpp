@@ -42,7 +42,9 @@ struct StartUpResult {
 class StartUp : public ProductionSwitch {
   public:
     using ProductionSwitch::chipLog;
+    using ProductionSwitch::file;
     using ProductionSwitch::moduleLoaded;
+    using ProductionSwitch::restore;
     using ProductionSwitch::storeIs;
 
   protected:
@@ -122,7 +124,9 @@ class StartUp : public ProductionSwitch {
         result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
         result.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
         result.traces = linesOf(trace);
-        result.events = eventsOf(history);
+        // A process that ends before it records anything leaves no history.
+        result.events =
+            access(history.c_str(), F_OK) == 0 ? eventsOf(history) : std::vector<std::string>{};
         result.verified = contentOf(out);
         result.errors = contentOf(err);
         return result;
@@ -195,6 +199,12 @@ TEST_P(StartUpCase, TheRestoreDoesWhatItsSequenceSays) {
     c.arrange(*this);
     const StartUpResult result = startUp(c.launch);
     c.check(result, *this);
+}
+
+bool anyOf(const std::vector<std::string>& lines, const std::string& text) {
+    return std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
+        return line.find(text) != std::string::npos;
+    });
 }
 
 bool hasEvent(const StartUpResult& result, const std::string& prefix) {
@@ -318,6 +328,88 @@ INSTANTIATE_TEST_SUITE_P(
                  // The tool ran and did its work: only its end could not be collected.
                  EXPECT_NE(outputOf({"iptables-save"}).find("CONTROL-PLANE"), std::string::npos);
                  EXPECT_TRUE(hasEvent(result, "ConfigParser: ")) << "events stored before the end";
+             }},
+        // The prefix length's conversion error leaves ipAddrAdd, and nothing of the sequence
+        // catches it: the process ends on it. The command line skips that address.
+        Case{"APrefixLengthThatIsNoNumberEndsTheProcess",
+             [](StartUp& t) {
+                 t.storeIs("strata", [](rapidjson::Document& store) {
+                     store["Oku"]["interfaces"]["Ethernet1/1"]["ipAddress"] = "10.1.0.1/abc";
+                 });
+             },
+             {},
+             [](const StartUpResult& result, StartUp& t) {
+                 EXPECT_EQ(result.signal, SIGABRT);
+                 EXPECT_NE(result.errors.find("std::invalid_argument"), std::string::npos)
+                     << result.errors;
+                 EXPECT_NE(result.errors.find("stoi"), std::string::npos) << result.errors;
+                 // The devices the process made before it ended are taken over.
+                 const CliResult cli = t.restore({"--resume"});
+                 EXPECT_EQ(cli.exitCode, 1);
+                 std::string said;
+                 for (const std::string& line : cli.traces) {
+                     said += line.find("abc") != std::string::npos ? line + "\n" : "";
+                 }
+                 EXPECT_NE(said.find("prefix length of 10.1.0.1/abc is not a number"),
+                           std::string::npos)
+                     << said;
+             }},
+        // The register commands go through the shell: a missing "schan" is the shell's
+        // complaint on standard error, and the library writes nothing on standard output.
+        Case{"AMissingSchanIsTheShellsToSay",
+             [](StartUp& t) {
+                 t.storeIs("strata", [](rapidjson::Document& store) {
+                     store["Tessaline"]["devices"][0]["chipModel"] = "bcm56850";
+                 });
+                 t.standInIs("fab", "exec " KESTRUNE_CHIP_TOOLS "/fab \"$@\"");
+             },
+             {{"PATH=/usr/local/sbin"}},
+             [](const StartUpResult& result, StartUp&) {
+                 EXPECT_NE(result.errors.find("schan: not found"), std::string::npos)
+                     << result.errors;
+                 EXPECT_EQ(result.verified.find("Unable to run cmd"), std::string::npos)
+                     << result.verified;
+                 EXPECT_TRUE(hasEvent(result, "StrataDriver: Unable to add device"))
+                     << joined(result.events);
+             }},
+        // The store's ints, read as ints: 3,000,000,000 ends the process on the JSON library's
+        // integer assertion. The command line reads it, and its VLAN range check fails the
+        // one subinterface.
+        Case{"AnEncapsulationVlanPastTheIntRangeEndsOnTheIntegerAssertion",
+             [](StartUp& t) {
+                 t.storeIs("strata", [](rapidjson::Document& store) {
+                     auto& vlans = store["Vant"]["subIntfNameToEncapVlanId"];
+                     vlans.MemberBegin()->value.SetUint(3000000000U);
+                 });
+             },
+             {},
+             [](const StartUpResult& result, StartUp& t) {
+                 EXPECT_EQ(result.signal, SIGABRT);
+                 EXPECT_NE(result.errors.find("assertion failed: data_.f.flags & kIntFlag"),
+                           std::string::npos)
+                     << result.errors;
+                 EXPECT_FALSE(anyOf(result.traces, "doInit")) << "the parse ends it";
+                 const CliResult cli = t.restore();
+                 EXPECT_EQ(cli.exitCode, 1);
+                 EXPECT_EQ(cli.signal, 0);
+             }},
+        // A device of endless bytes as the store: the stream parse stops at its first byte and
+        // the process ends on "IsObject()" at once; the command line refuses the device.
+        Case{"AStoreOfEndlessBytesEndsOnTheAssertionAtOnce",
+             [](StartUp& t) {
+                 const std::string store = t.file("pstore") + "/zel-persistent-store.json";
+                 ASSERT_EQ(unlink(store.c_str()), 0);
+                 ASSERT_EQ(symlink("/dev/zero", store.c_str()), 0);
+             },
+             {},
+             [](const StartUpResult& result, StartUp& t) {
+                 EXPECT_EQ(result.signal, SIGABRT);
+                 EXPECT_NE(result.errors.find("assertion failed: IsObject()"), std::string::npos)
+                     << result.errors;
+                 EXPECT_EQ(result.errors.find("bad_alloc"), std::string::npos) << result.errors;
+                 const CliResult cli = t.restore();
+                 EXPECT_EQ(cli.exitCode, 2);
+                 EXPECT_TRUE(anyOf(cli.traces, "is not a regular file"));
              }}),
     [](const ::testing::TestParamInfo<Case>& info) { return info.param.name; });
 

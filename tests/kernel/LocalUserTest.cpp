@@ -11,6 +11,8 @@
 #include "log/HistoryStore.h"
 #include "log/Log.h"
 #include "platform/ChipDevice.h"
+#include "state/QueueHolder.h"
+#include "util/OutputFile.h"
 #include "util/RestoreLock.h"
 #include "util/Trace.h"
 
@@ -19,10 +21,15 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
+#include <fstream>
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <linux/if_tun.h>
 #include <memory>
+#include <net/if.h>
 #include <sys/file.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -418,6 +425,120 @@ const Finding findings[] = {
          EXPECT_EQ(status, 2) << trace;
          EXPECT_NE(trace.find("it is a link"), std::string::npos) << trace;
          EXPECT_EQ(contentOf(dir.file("target")), "untouched");
+     }},
+    // Opened blocking, a FIFO nobody reads held the restore: at the report after all was
+    // restored, with the lock kept; at the trace before it started.
+    {"a FIFO at --report or --trace-file",
+     [](const TempDir& dir) {
+         ASSERT_EQ(mkfifo(dir.file("report.json").c_str(), 0666), 0);
+         ASSERT_EQ(mkfifo(dir.file("trace.txt").c_str(), 0666), 0);
+         int status = 0;
+         const std::string report =
+             shellOutput("timeout 120 " + std::string(KESTRUNE_CLI) + " simulate --report " +
+                             dir.file("report.json") + " --trace-file /dev/null 2>&1",
+                         &status);
+         EXPECT_EQ(status, 1) << report;
+         EXPECT_NE(report.find("cannot write the report " + dir.file("report.json") +
+                               ": it is not a regular file"),
+                   std::string::npos)
+             << report;
+         const std::string trace = shellOutput(
+             "timeout 60 " + std::string(KESTRUNE_CLI) + " check --trace-file " +
+                 dir.file("trace.txt") + " " + KESTRUNE_SOURCE_DIR "/examples/strata.json 2>&1",
+             &status);
+         EXPECT_EQ(status, 2) << trace;
+         EXPECT_NE(trace.find("it is not a regular file"), std::string::npos) << trace;
+     }},
+    // The metrics go where the node exporter reads, a folder that may be another user's: the
+    // names a restore's pid would give were taken first, and a folder on the path swapped for
+    // a link made root write into a folder of root's alone.
+    {"the metrics file in a folder another user can write",
+     [](const TempDir& dir) {
+         const std::string drop = dir.file("drop");
+         ASSERT_EQ(mkdir(drop.c_str(), 0755), 0);
+         ASSERT_EQ(chown(drop.c_str(), nobody, nobody), 0);
+         ASSERT_EQ(mkdir(dir.file("private").c_str(), 0700), 0);
+         ASSERT_EQ(
+             asNobody([&] {
+                 for (int pid = getpid(); pid < getpid() + 200; ++pid) {
+                     const std::string name = drop + "/kestrune.prom.new-" + std::to_string(pid);
+                     ::close(::open(name.c_str(), O_CREAT | O_WRONLY, 0644));
+                 }
+                 return mkdir((drop + "/sub").c_str(), 0755) == 0 &&
+                                rename((drop + "/sub").c_str(), (drop + "/away").c_str()) == 0 &&
+                                symlink(dir.file("private").c_str(), (drop + "/sub").c_str()) ==
+                                    0 &&
+                                symlink(dir.file("private").c_str(),
+                                        (drop + "/linked.prom").c_str()) == 0
+                            ? 0
+                            : 1;
+             }),
+             0);
+         std::string problem;
+         EXPECT_TRUE(
+             outputReplaced(drop + "/kestrune.prom", "kestrune_restore_success 1\n", problem))
+             << problem;
+         EXPECT_EQ(contentOf(drop + "/kestrune.prom"), "kestrune_restore_success 1\n");
+         EXPECT_EQ(modeOf(drop + "/kestrune.prom"), 0644);
+         EXPECT_FALSE(outputReplaced(drop + "/sub/kestrune.prom", "x", problem));
+         EXPECT_EQ(problem, drop + "/sub is a link in a folder others can write");
+         // The name itself a link: replaced, not followed.
+         EXPECT_TRUE(outputReplaced(drop + "/linked.prom", "y", problem)) << problem;
+         EXPECT_FALSE(std::filesystem::is_symlink(drop + "/linked.prom"));
+         EXPECT_EQ(contentOf(drop + "/linked.prom"), "y");
+         EXPECT_TRUE(std::filesystem::is_empty(dir.file("private")));
+         // The report and the trace: the same walk, and never another user's file.
+         ASSERT_EQ(asNobody([&] {
+                       return ::close(
+                           ::open((drop + "/report.json").c_str(), O_CREAT | O_WRONLY, 0644));
+                   }),
+                   0);
+         EXPECT_EQ(openOutput(drop + "/report.json", O_TRUNC, problem), -1);
+         EXPECT_EQ(problem, "it belongs to uid 65534");
+         EXPECT_EQ(openOutput(drop + "/sub/trace.txt", O_APPEND, problem), -1);
+         EXPECT_EQ(problem, drop + "/sub is a link in a folder others can write");
+         EXPECT_TRUE(std::filesystem::is_empty(dir.file("private")));
+     }},
+    // The pid file removed, or naming another process, while the holder lived: the next
+    // restore neither ended the holder nor could anyone find it.
+    {"a queue holder whose pid file is gone or names another process",
+     [](const TempDir&) {
+         const auto tapQueue = [](const char* name) {
+             const int queue = ::open("/dev/net/tun", O_RDWR | O_CLOEXEC);
+             ifreq request{};
+             std::strncpy(request.ifr_name, name, IFNAMSIZ - 1);
+             request.ifr_flags = IFF_TAP | IFF_NO_PI;
+             return queue >= 0 && ioctl(queue, TUNSETIFF, &request) == 0 ? queue : -1;
+         };
+         const auto holder = [] { return std::stoi(contentOf(QueueHolder::pidFile)); };
+         const auto alive = [](pid_t pid) {
+             return waitpid(pid, nullptr, WNOHANG) == 0 && kill(pid, 0) == 0;
+         };
+         const pid_t bystander = fork();
+         if (bystander == 0) {
+             pause();
+             _exit(0);
+         }
+         for (const bool otherPid : {false, true}) {
+             const int queue = tapQueue(otherPid ? "kt1" : "kt0");
+             ASSERT_GE(queue, 0);
+             std::string problem;
+             ASSERT_TRUE(QueueHolder::doHold({queue}, problem)) << problem;
+             ::close(queue);
+             const pid_t held = holder();
+             if (otherPid) {
+                 std::ofstream(QueueHolder::pidFile) << bystander << "\n";
+             } else {
+                 ASSERT_EQ(unlink(QueueHolder::pidFile), 0);
+             }
+             EXPECT_TRUE(QueueHolder::doEndPrevious(problem)) << problem;
+             // Its parent reaps it: the test process started it. doEndPrevious returns once
+             // it is gone, so no wait is needed, only the reaping.
+             EXPECT_EQ(waitpid(held, nullptr, WNOHANG), held) << "the holder was left running";
+             end(held);
+             EXPECT_TRUE(alive(bystander)) << "a process that is no holder was ended";
+         }
+         end(bystander);
      }},
 };
 

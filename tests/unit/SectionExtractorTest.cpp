@@ -379,10 +379,15 @@ TEST(SectionExtractors, IntegersPastTheIntRangeEndTheProcessUnlessTheValueRangeG
     const Row rows[] = {
         {"encapsulation VLAN 3000000000",
          {{"Tessaline", ports},
-          {"Vant", R"({"bridgeMacAddr": "m", "subIntfNameToEncapVlanId": {"Ethernet1/1.5": 3000000000}})"}},
+          {"Vant",
+           R"({"bridgeMacAddr": "m", "subIntfNameToEncapVlanId": {"Ethernet1/1.5": 3000000000}})"}},
          {"Ethernet1/1.5", "encapVlan", "3000000000"}},
-        {"modId 3000000000", {{"Tessaline", port("3000000000", "1")}}, {"Ethernet1/1", "modId", "3000000000"}},
-        {"port 4294967295", {{"Tessaline", port("0", "4294967295")}}, {"Ethernet1/1", "port", "4294967295"}},
+        {"modId 3000000000",
+         {{"Tessaline", port("3000000000", "1")}},
+         {"Ethernet1/1", "modId", "3000000000"}},
+        {"port 4294967295",
+         {{"Tessaline", port("0", "4294967295")}},
+         {"Ethernet1/1", "port", "4294967295"}},
     };
     for (const Row& row : rows) {
         for (const bool libraryDefaults : {true, false}) {
@@ -400,8 +405,8 @@ TEST(SectionExtractors, IntegersPastTheIntRangeEndTheProcessUnlessTheValueRangeG
     for (const bool libraryDefaults : {true, false}) {
         TempDir dir;
         const ParseOutcome outcome =
-            parseIn(dir, Family::Strata, storeWith(Family::Strata, {{"Tessaline", port("-1", "2")}}),
-                    libraryDefaults);
+            parseIn(dir, Family::Strata,
+                    storeWith(Family::Strata, {{"Tessaline", port("-1", "2")}}), libraryDefaults);
         EXPECT_TRUE(outcome.process.exited);
         EXPECT_EQ(modelText(outcome.model, {"Ethernet1/1", "modId", ""}), "4294967295");
     }

@@ -1,12 +1,11 @@
 #include "StoreScenario.h"
 
-#include "util/RestoreGuards.h"
-
 #include "model/LagInterface.h"
 #include "model/SandConfig.h"
 #include "model/StrataConfig.h"
 #include "parser/SandConfigParser.h"
 #include "parser/StrataConfigParser.h"
+#include "util/RestoreGuards.h"
 
 #include <fstream>
 

@@ -2,6 +2,7 @@
 
 #include "log/Log.h"
 #include "util/Assert.h"
+#include "util/OutputFile.h"
 #include "util/Trace.h"
 
 #include <algorithm>
@@ -116,20 +117,18 @@ void CommonOptions::apply() {
     }
     if (!traceFile_.empty()) {
         // Left open for the life of the process: the event log still traces while the
-        // process exits.
-        // Not through a link: as root, one planted there would be appended to wherever it
-        // points.
-        const int fd = ::open(traceFile_.c_str(),
-                              O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644);
+        // process exits. As root, nothing another user could swap is followed on the way, and
+        // a FIFO there would hold the restore before it starts.
+        std::string problem;
+        const int fd = openOutput(traceFile_, O_APPEND, problem);
         std::FILE* stream = fd >= 0 ? fdopen(fd, "a") : nullptr;
         if (!stream) {
-            const int error = errno;
             if (fd >= 0) {
+                problem = std::strerror(errno);
                 ::close(fd);
             }
-            throw CLI::ValidationError(
-                "--trace-file", "cannot open " + traceFile_ + ": " +
-                                    (error == ELOOP ? "it is a link" : std::strerror(error)));
+            throw CLI::ValidationError("--trace-file",
+                                       "cannot open " + traceFile_ + ": " + problem);
         }
         Trace::sinkIs(Trace::streamSink(stream));
     }

@@ -7,6 +7,7 @@
 #include "util/Command.h"
 #include "util/Json.h"
 #include "util/KernelName.h"
+#include "util/OutputFile.h"
 #include "util/RestoreGuards.h"
 #include "util/Stop.h"
 #include "util/Text.h"
@@ -137,20 +138,11 @@ double msSinceBoot() {
 }
 
 bool fileReplaced(const std::string& path, const std::string& text) {
-    const std::string fresh = path + ".new-" + std::to_string(getpid());
-    const int fd =
-        ::open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
-    bool done =
-        fd >= 0 && ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    done = fd >= 0 && fchmod(fd, 0644) == 0 && done;
-    if (fd >= 0 && ::close(fd) != 0) {
-        done = false;
-    }
-    if (done && ::rename(fresh.c_str(), path.c_str()) == 0) {
+    std::string problem;
+    if (outputReplaced(path, text, problem)) {
         return true;
     }
-    std::cerr << "kestrune: cannot write " << path << ": " << std::strerror(errno) << "\n";
-    ::unlink(fresh.c_str());
+    std::cerr << "kestrune: cannot write " << path << ": " << problem << "\n";
     return false;
 }
 
@@ -175,19 +167,19 @@ std::string RestoreReport::metrics() const {
 }
 
 bool reportWritten(const std::string& path, const std::string& json) {
-    // Written as root: a link planted at the path would put the report over whatever it names.
-    const int fd =
-        ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+    // Written as root: nothing on the path another user could swap is followed, and a FIFO
+    // there would hold the restore and its lock.
+    std::string problem;
+    const int fd = openOutput(path, O_TRUNC, problem);
     const std::string text = json + '\n';
     const bool written =
         fd >= 0 && ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    const int error = errno;
     if (fd >= 0) {
+        problem = written ? "" : std::strerror(errno);
         ::close(fd);
     }
     if (!written) {
-        std::cerr << "kestrune: cannot write the report " << path << ": "
-                  << (error == ELOOP ? "it is a link" : std::strerror(error)) << "\n";
+        std::cerr << "kestrune: cannot write the report " << path << ": " << problem << "\n";
         return false;
     }
     return true;
