@@ -190,7 +190,12 @@ ChipPorts::Kind Chip::kindFor(const std::string& device) const {
     return ChipPorts::Kind::ethernet;
 }
 
-int Chip::newCpuDevice(const std::string& name, unsigned client) {
+int Chip::newCpuDevice(const std::vector<std::string>& words, unsigned client) {
+    const std::string& name = words[1];
+    std::string command;
+    for (const std::string& word : words) {
+        command += (command.empty() ? "" : " ") + word;
+    }
     unsigned& made = devicesOf_[client];
     if (client != rootClient && made >= devicesPerClient) {
         log("refused ifadd " + name + " from uid " + std::to_string(client) + ": it has made " +
@@ -198,7 +203,7 @@ int Chip::newCpuDevice(const std::string& name, unsigned client) {
         errno = EDQUOT;
         return -1;
     }
-    if (ports_.made(name, kindFor("port")) != 0) {
+    if (ports_.made(name, kindFor("port"), command) != 0) {
         const int error = errno;
         TRACE(0) << "chip: cannot make the CPU device " << name << ": " << std::strerror(error);
         errno = error == EEXIST ? EEXIST : error == EMFILE ? EMFILE : EIO;
@@ -226,7 +231,7 @@ std::size_t Chip::recordSize(unsigned long request, const unsigned char* known,
 int Chip::strataCommand(const std::vector<std::string>& words, unsigned client) {
     const auto number = [&](std::size_t i) { return std::stoi(words[i]); };
     if (words[0] == "ifadd") {
-        return newCpuDevice(words[1], client);
+        return newCpuDevice(words, client);
     }
     if (words[0] == "internalvlan") {
         if (!ports_.has(words[1])) {
@@ -313,7 +318,7 @@ int Chip::sandCommand(const std::vector<std::string>& words, unsigned client) {
         if (fap == faps_.end() || !fap->second.up) {
             return refuse(ENODEV);
         }
-        if (newCpuDevice(words[1], client) != 0) {
+        if (newCpuDevice(words, client) != 0) {
             return -1;
         }
         sandPorts_[words[1]] = SandPort{number(2), number(3), words[4]};

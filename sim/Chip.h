@@ -117,7 +117,8 @@ class Chip {
     static std::vector<std::string> wordsOf(const std::string& command);
     int strataCommand(const std::vector<std::string>& words, unsigned client);
     int sandCommand(const std::vector<std::string>& words, unsigned client);
-    int newCpuDevice(const std::string& name, unsigned client);
+    // The CPU device words[1], made by the command of these words for the client.
+    int newCpuDevice(const std::vector<std::string>& words, unsigned client);
     // Refuses, with a line in the chip log, when a table is full; 0 when it has room.
     int tableRoom(std::size_t entries, const char* table);
     // Moves the log to "<log>.1" unless what it holds and `incoming` bytes still fit.

@@ -3,6 +3,7 @@
 #include "util/KernelName.h"
 #include "util/Namespace.h"
 #include "util/NetDevice.h"
+#include "util/Netlink.h"
 #include "util/Utils.h"
 
 #include <cerrno>
@@ -46,9 +47,17 @@ int ChipPorts::queue(const std::string& name, bool ethernet) {
     return 0;
 }
 
-int ChipPorts::made(const std::string& name, Kind kind) {
+int ChipPorts::made(const std::string& name, Kind kind, const std::string& record) {
     if (queues_.count(name) != 0 || !isKernelDeviceName(name)) {
         errno = queues_.count(name) != 0 ? EEXIST : EINVAL;
+        return -1;
+    }
+    // A driver registers a new device: a name another device has is taken, as the kernel
+    // answers it, where a TAP's open would attach to that device instead.
+    ifreq existing{};
+    name.copy(existing.ifr_name, IFNAMSIZ - 1);
+    if (ioctl(socket_, SIOCGIFINDEX, &existing) == 0) {
+        errno = EEXIST;
         return -1;
     }
     if (kind == Kind::noUp || kind == Kind::jumbo) {
@@ -73,6 +82,9 @@ int ChipPorts::made(const std::string& name, Kind kind) {
         return -1;
     }
     setMtu(name.c_str(), cpuMtu, socket_);
+    if (!record.empty()) {
+        Netlink::linkAliasIs(netlink_, name, record);
+    }
     return 0;
 }
 

@@ -25,8 +25,9 @@ class ChipPorts {
     ChipPorts(const ChipPorts&) = delete;
     ChipPorts& operator=(const ChipPorts&) = delete;
 
-    // 0, or -1 with errno (EEXIST when the chip made that device already).
-    int made(const std::string& name, Kind kind);
+    // 0, or -1 with errno (EEXIST when the chip made that device already). The device's
+    // alias is the chip's record of it: the command that made it.
+    int made(const std::string& name, Kind kind, const std::string& record = {});
     bool has(const std::string& name) const { return queues_.count(name) != 0; }
     // Takes the device down, as a chip resetting its port does: the device itself, or for a
     // VLAN kind its lower device, so that the device cannot come up again.

@@ -126,35 +126,6 @@ void Driver::doCreateKernelInterfaces() {
     configureIptablesRules();
 }
 
-bool Driver::takenOver(const Interface& intf) {
-    const std::string kernelName = kernelIntfName(intf.name());
-    if (kernelName.empty()) {
-        return false;
-    }
-    const std::string& target = intf.netNsName();
-    for (const std::string& ns : {target, std::string(DEFAULT_NS)}) {
-        if (!ns.empty() && sockFd_.count(NamespaceName(ns)) != 0 &&
-            deviceExists(kernelName.c_str(), sockFd(NamespaceName(ns)))) {
-            TRACE(0) << "Taking over " << kernelName << " in " << ns << " for " << intf.name();
-            found_[intf.name()] = ns;
-            createdIs(intf.name(), true);
-            return true;
-        }
-    }
-    return false;
-}
-
-bool Driver::inPlace(const Interface& intf) {
-    const NamespaceName ns(intf.netNsName());
-    const std::string kernelName = kernelIntfName(intf.name());
-    if (sockFd_.count(ns) == 0 || !deviceExists(kernelName.c_str(), sockFd(ns))) {
-        return false;
-    }
-    TRACE(0) << "Found " << kernelName << " in " << ns << " already";
-    found_[intf.name()] = intf.netNsName();
-    return true;
-}
-
 void Driver::createdWith(const Interface& intf, bool made) {
     if (made) {
         TRACE(0) << "Created Kernel interface for " << intf.name();

@@ -105,6 +105,9 @@ class Driver {
     virtual bool createRoutedPortInterface(const Interface* intf, const std::string& bridgeMac);
     virtual bool createSubInterface(const Interface* intf, const std::string& bridgeMac);
     virtual bool createLagInterface(const Interface* intf, const std::string& bridgeMac);
+    // The fabric command that makes a port's or LAG's chip device, which the chip keeps as
+    // its record of the device (the device's alias); "" where the platform has none.
+    virtual std::string chipDeviceCommand(const Interface& intf) const;
 
     static bool createVlanInterface(const Interface* intf, int netlinkFd, int sockFd);
     static void addIpAddresses(const Interface* intf, int netlinkFd);
@@ -143,9 +146,15 @@ class Driver {
     // the queues of the devices need, within the hard limit; with the descriptor guard, past
     // it too, ending the process with a recorded message saying how many when it cannot.
     void doRaiseDescriptorLimit(std::size_t namespaces);
-    // Resuming: true when the interface's device is there already, in its namespace or the
-    // default one, and is now taken as created.
+    // Resuming: true when the interface's device is there already and is what the restore
+    // would have made (takeOverProblem), and is now taken as created. A device of that name
+    // that is not is traced and recorded, and left to the creation, which then fails on it.
     bool takenOver(const Interface& intf);
+    // Why the device found in `ns` is not the one the restore makes for intf: its kind, its
+    // lower device and VLAN id for a VLAN device, the chip's record of a chip device; "" when
+    // it is.
+    std::string takeOverProblem(const Interface& intf, const std::string& kernelName,
+                                const NamespaceName& ns);
     // Resuming: true when the device of an SVI or subinterface is in the namespace it would
     // be moved to.
     bool inPlace(const Interface& intf);

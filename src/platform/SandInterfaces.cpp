@@ -12,6 +12,13 @@
 
 namespace Kestrune {
 
+std::string SandDriver::chipDeviceCommand(const Interface& intf) const {
+    const auto& port = dynamic_cast<const SandInterface&>(intf);
+    return formatted("ifadd %s %d %d %s ctrl", kernelIntfName(intf.name()).c_str(),
+                     static_cast<int>(port.systemPhyPortId()),
+                     static_cast<int>(port.trafficClass()), port.deviceName().c_str());
+}
+
 bool SandDriver::createInterface(const Interface* intf, const std::string& mac, bool routed) {
     TRACE(3) << "SandDriver::"
              << "createInterface"
@@ -22,8 +29,7 @@ bool SandDriver::createInterface(const Interface* intf, const std::string& mac, 
     }
     const auto& port = dynamic_cast<const SandInterface&>(*intf);
     const auto integer = [](std::uint32_t value) { return static_cast<int>(value); };
-    if (!doFabIoctl(formatted("ifadd %s %d %d %s ctrl", k.c_str(), integer(port.systemPhyPortId()),
-                              integer(port.trafficClass()), port.deviceName().c_str()))) {
+    if (!doFabIoctl(chipDeviceCommand(*intf))) {
         return failed("Unable to create kernel Interface for " + intf->name());
     }
     const int nativeVlan = port.nativeVlan() == 0 ? noNativeVlan : integer(port.nativeVlan());

@@ -35,6 +35,7 @@ class StrataDriver : public Driver {
     // Sends one command on the fabric channel: true when the chip's driver took it.
     bool doFabIoctl(const std::string& cmd) const;
 
+    std::string chipDeviceCommand(const Interface& intf) const override;
     bool createInterface(const Interface* intf, const std::string& mac);
     bool createL2Interface(const Interface* intf, const std::string& mac) override;
     bool createRoutedPortInterface(const Interface* intf, const std::string& mac) override;

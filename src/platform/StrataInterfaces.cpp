@@ -29,6 +29,19 @@ int getLagIdFromName(const std::string& name) {
     return std::sscanf(name.c_str(), "Port-Channel%d", &id) == 1 ? id : -1;
 }
 
+std::string StrataDriver::chipDeviceCommand(const Interface& intf) const {
+    const std::string k = kernelIntfName(intf.name());
+    if (isLag(intf.interfaceType())) {
+        const auto& lag = dynamic_cast<const LagInterface&>(intf);
+        return formatted("ifadd %s -1 -1 %d %d 0 0", k.c_str(), getLagIdFromName(intf.name()),
+                         static_cast<int>(lag.internalVlan()));
+    }
+    const auto& port = dynamic_cast<const StrataInterface&>(intf);
+    return formatted("ifadd %s %d %d -1 %d %d %d", k.c_str(), static_cast<int>(port.modId()),
+                     static_cast<int>(port.port()), static_cast<int>(port.internalVlan()),
+                     static_cast<int>(port.uc_qbase()), static_cast<int>(port.mc_qbase()));
+}
+
 bool StrataDriver::createInterface(const Interface* intf, const std::string& mac) {
     TRACE(3) << "StrataDriver::"
              << "createInterface"
@@ -37,17 +50,7 @@ bool StrataDriver::createInterface(const Interface* intf, const std::string& mac
     if (k.empty()) {
         return failed("Unable to create " + intf->name() + ": not a kernel device name");
     }
-    std::string command;
-    if (isLag(intf->interfaceType())) {
-        const auto& lag = dynamic_cast<const LagInterface&>(*intf);
-        command = formatted("ifadd %s -1 -1 %d %d 0 0", k.c_str(), getLagIdFromName(intf->name()),
-                            static_cast<int>(lag.internalVlan()));
-    } else {
-        const auto& port = dynamic_cast<const StrataInterface&>(*intf);
-        command = formatted("ifadd %s %d %d -1 %d %d %d", k.c_str(), static_cast<int>(port.modId()),
-                            static_cast<int>(port.port()), static_cast<int>(port.internalVlan()),
-                            static_cast<int>(port.uc_qbase()), static_cast<int>(port.mc_qbase()));
-    }
+    const std::string command = chipDeviceCommand(*intf);
     if (!doFabIoctl(command)) {
         return failed("Fab Ioctl wasn't successful " + command);
     }

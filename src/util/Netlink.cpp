@@ -192,6 +192,101 @@ int operStateIs(int fd, std::string_view deviceName, std::uint32_t sequence,
     return transact(fd, header);
 }
 
+namespace {
+
+int linkInfoOf(const nlattr* info, void* data) {
+    auto* facts = static_cast<LinkFacts*>(data);
+    if (mnl_attr_get_type(info) == IFLA_INFO_KIND) {
+        facts->kind = mnl_attr_get_str(info);
+    } else if (mnl_attr_get_type(info) == IFLA_INFO_DATA && facts->kind == "vlan") {
+        // The kernel gives the kind before the data.
+        mnl_attr_parse_nested(
+            info,
+            [](const nlattr* vlan, void* target) {
+                if (mnl_attr_get_type(vlan) == IFLA_VLAN_ID) {
+                    static_cast<LinkFacts*>(target)->vlanId = mnl_attr_get_u16(vlan);
+                }
+                return MNL_CB_OK;
+            },
+            data);
+    }
+    return MNL_CB_OK;
+}
+
+int linkFactOf(const nlattr* attribute, void* data) {
+    auto* facts = static_cast<LinkFacts*>(data);
+    switch (mnl_attr_get_type(attribute)) {
+    case IFLA_LINK:
+        facts->parentIndex = static_cast<int>(mnl_attr_get_u32(attribute));
+        break;
+    case IFLA_LINK_NETNSID:
+        facts->parentElsewhere = true;
+        break;
+    case IFLA_IFALIAS:
+        facts->alias = mnl_attr_get_str(attribute);
+        break;
+    case IFLA_LINKINFO:
+        mnl_attr_parse_nested(attribute, linkInfoOf, data);
+        break;
+    default:
+        break;
+    }
+    return MNL_CB_OK;
+}
+
+} // namespace
+
+int linkFactsOf(int fd, std::string_view deviceName, LinkFacts& facts) {
+    alignas(nlmsghdr) std::array<char, bufferSize> buffer{};
+    nlmsghdr* header = requestHeader(buffer.data(), RTM_GETLINK, 0);
+    mnl_nlmsg_put_extra_header(header, sizeof(ifinfomsg));
+    if (!putName(header, deviceName)) {
+        return -ENODEV;
+    }
+    sockaddr_nl kernel{};
+    kernel.nl_family = AF_NETLINK;
+    if (sendto(fd, header, header->nlmsg_len, 0, reinterpret_cast<const sockaddr*>(&kernel),
+               sizeof kernel) < 0) {
+        return -errno;
+    }
+    const std::uint32_t sequence = header->nlmsg_seq;
+    facts = LinkFacts{};
+    // The answer, then the acknowledgement; messages of other requests are skipped.
+    alignas(nlmsghdr) std::array<char, bufferSize> answer{};
+    for (;;) {
+        const auto received = recv(fd, answer.data(), answer.size(), 0);
+        if (received < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return -errno;
+        }
+        int length = static_cast<int>(received);
+        for (auto* message = reinterpret_cast<const nlmsghdr*>(answer.data());
+             mnl_nlmsg_ok(message, length); message = mnl_nlmsg_next(message, &length)) {
+            if (message->nlmsg_seq != sequence) {
+                continue;
+            }
+            if (message->nlmsg_type == RTM_NEWLINK) {
+                mnl_attr_parse(message, sizeof(ifinfomsg), linkFactOf, &facts);
+            } else if (message->nlmsg_type == NLMSG_ERROR) {
+                return static_cast<const nlmsgerr*>(mnl_nlmsg_get_payload(message))->error;
+            }
+        }
+    }
+}
+
+int linkAliasIs(int fd, std::string_view deviceName, std::string_view alias) {
+    alignas(nlmsghdr) std::array<char, bufferSize> buffer{};
+    nlmsghdr* header = requestHeader(buffer.data(), RTM_SETLINK, 0);
+    mnl_nlmsg_put_extra_header(header, sizeof(ifinfomsg));
+    if (!putName(header, deviceName) || alias.size() >= IFALIASZ) {
+        return -EINVAL;
+    }
+    mnl_attr_put(header, IFLA_IFALIAS, alias.size(), alias.data());
+    return transact(fd, header);
+}
+
 } // namespace Kestrune::Netlink
 
 namespace {

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <netinet/in.h>
+#include <string>
 #include <string_view>
 
 // Adds an IPv4 address (scope 0) to an interface. `peer`, when given, is the address of the
@@ -41,5 +42,17 @@ int operStateIs(int netlinkFd, std::string_view deviceName, std::uint32_t sequen
                 std::uint8_t operState);
 // Installs a prio root qdisc with handle 1: and the kernel's default priority map.
 int rootPrioQdiscAdd(int netlinkFd, int ifIndex);
+
+// What a device is, as far as telling whether a restore made it goes.
+struct LinkFacts {
+    std::string kind;             // "vlan", "tun", ... ("" for a plain device)
+    int parentIndex = 0;          // a VLAN device's lower device, 0 for none
+    bool parentElsewhere = false; // the lower device's index is in another namespace
+    std::uint16_t vlanId = 0;
+    std::string alias; // IFLA_IFALIAS, "" for none
+};
+int linkFactsOf(int netlinkFd, std::string_view deviceName, LinkFacts& facts);
+// Sets the device's alias (IFLA_IFALIAS).
+int linkAliasIs(int netlinkFd, std::string_view deviceName, std::string_view alias);
 
 } // namespace Kestrune::Netlink

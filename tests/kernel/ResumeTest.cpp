@@ -8,6 +8,7 @@
 #include "parser/ConfigParserCreator.h"
 #include "platform/ChipDevice.h"
 #include "state/KernelState.h"
+#include "util/Command.h"
 #include "util/Namespace.h"
 #include "util/RestoreLock.h"
 
@@ -109,6 +110,82 @@ TEST_F(Resume, AResumedRestoreEndsWhereAnUninterruptedOneDoes) {
         const TempDir machine;
         restoreInFreshMachine(store, phases, true, machine.file("state"), machine);
         EXPECT_EQ(withoutTimes(contentOf(machine.file("state"))), whole);
+    }
+}
+
+// A device by a name the store needs, made by someone else before a resumed restore (another
+// user through the chip's node, an older store): taken over only when it is what the restore
+// would have made; otherwise said, recorded, and left to the creation, which fails on it.
+TEST_F(Resume, OnlyWhatTheRestoreWouldHaveMadeIsTakenOver) {
+    run({"python3", KESTRUNE_SOURCE_DIR "/bench/generate-store.py", "--ports", "4", "--lags", "0",
+         "--subintfs", "0", "--svis", "1", "--vrfs", "0", "--rules", "0", "-o",
+         dir_.file("small.json")});
+    struct Row {
+        const char* what;
+        std::function<bool()> plant; // in the machine, after the chip is up
+        std::string said;            // the trace line of the take-over, or of its refusal
+    };
+    const auto fabric = [](const std::string& command) {
+        const int fd = chipDevice().open("/dev/fabric", O_RDWR);
+        const bool sent = fabricIoctl(fd, command);
+        chipDevice().close(fd);
+        return sent;
+    };
+    const Row rows[] = {
+        {"the chip made it for the restore's own command",
+         [&] { return fabric("ifadd et1_1 0 1 -1 1006 16 1040"); },
+         "Taking over et1_1 in default for Ethernet1/1"},
+        {"the chip made it for another port",
+         [&] { return fabric("ifadd et1_1 0 99 -1 1006 16 1040"); },
+         "Not taking over et1_1 in default for Ethernet1/1: the chip made it by \"ifadd et1_1 0 "
+         "99 -1 1006 16 1040\" where the restore sends \"ifadd et1_1 0 1 -1 1006 16 1040\""},
+        {"a TAP the chip never made",
+         [] { return ::runCommand("ip tuntap add dev et1_1 mode tap") == 0; },
+         "Not taking over et1_1 in default for Ethernet1/1: the chip holds no record of making "
+         "it"},
+        {"a TAP where the SVI's VLAN device belongs",
+         [&] { return fabric("ifadd vlan10 0 98 -1 0 8 24"); },
+         "Not taking over vlan10 in default for Vlan10: it is a tun device where a vlan device "
+         "belongs"},
+    };
+    const std::string store = dir_.file("small.json");
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        const TempDir machine;
+        const Outcome outcome = runProcess(machine, [&] {
+            if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0 ||
+                mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+                mount("kestrune-test", "/run", "tmpfs", 0, "mode=0755") != 0) {
+                std::_Exit(3);
+            }
+            Sim::ChipSimulator::environmentIs(KESTRUNE_CHIP_TOOLS, machine.file("chip.log"),
+                                              machine.file("registers"));
+            mountDefaultNs();
+            chipDeviceIs(std::make_shared<Sim::ChipSimulator>(machine.file("chip.log"),
+                                                              Sim::ChipSimulator::Family::strata));
+            const Config::Ptr config = configParserCreatorFactory()->createFrom(store)->parse();
+            const Driver::Ptr driver = DriverCreator(config).create();
+            driver->resumeIs(true);
+            driver->doInit();
+            if (!row.plant()) {
+                std::_Exit(5);
+            }
+            driver->createIntfsInDefaultNs();
+        });
+        ASSERT_EQ(outcome.exitCode, 0) << "the device could not be planted";
+        EXPECT_TRUE(std::find(outcome.traces.begin(), outcome.traces.end(),
+                              "Kestrune:0 " + row.said) != outcome.traces.end())
+            << joined(outcome.traces);
+        const bool refused = row.said.rfind("Not", 0) == 0;
+        const std::size_t of = row.said.find(" for ") + 5;
+        const std::string name = row.said.substr(of, row.said.find(':', of) - of);
+        const std::vector<std::string> events = messagesOf(outcome.events);
+        const auto has = [&](const std::string& message) {
+            return std::find(events.begin(), events.end(), message) != events.end();
+        };
+        EXPECT_EQ(has("Driver: " + row.said), refused) << joined(events);
+        EXPECT_EQ(has("Driver: Unable to create Kernel interface for " + name), refused)
+            << joined(events);
     }
 }
 

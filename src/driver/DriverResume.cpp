@@ -1,0 +1,123 @@
+// Finishing an interrupted restore: which devices already there the restore takes as its own.
+// Only a device that is what the restore would have made is taken over; anything else by that
+// name (another user's, a store's older shape) is said and left to the creation, which fails
+// on it, so that verify shows it rather than the restore adopting it.
+#include "driver/Driver.h"
+#include "model/SubInterface.h"
+#include "model/VlanInterface.h"
+#include "util/KernelName.h"
+#include "util/Netlink.h"
+#include "util/Trace.h"
+#include "util/Utils.h"
+
+#include <net/if.h>
+#include <sys/ioctl.h>
+
+namespace Kestrune {
+namespace {
+
+bool isChipDevice(InterfaceType type) {
+    return type == InterfaceType::L2_ || type == InterfaceType::RoutedPort_ ||
+           type == InterfaceType::Lag_ || type == InterfaceType::LagRouted_;
+}
+
+// The name of the device with this index in the namespace of the socket; "" for none.
+std::string deviceNamed(int sockFd, int index) {
+    ifreq request{};
+    request.ifr_ifindex = index;
+    return ioctl(sockFd, SIOCGIFNAME, &request) == 0 ? std::string(request.ifr_name) : "";
+}
+
+} // namespace
+
+std::string Driver::chipDeviceCommand(const Interface&) const {
+    return {};
+}
+
+std::string Driver::takeOverProblem(const Interface& intf, const std::string& kernelName,
+                                    const NamespaceName& ns) {
+    Netlink::LinkFacts facts;
+    if (const int error = Netlink::linkFactsOf(netlinkFd(ns), kernelName, facts); error != 0) {
+        return "it cannot be read";
+    }
+    const InterfaceType type = intf.interfaceType();
+    if (isChipDevice(type)) {
+        const std::string command = chipDeviceCommand(intf);
+        if (command.empty() || facts.alias == command) {
+            return {};
+        }
+        return facts.alias.empty() ? "the chip holds no record of making it"
+                                   : "the chip made it by \"" + facts.alias +
+                                         "\" where the restore sends \"" + command + "\"";
+    }
+    if (facts.kind != "vlan") {
+        return "it is " + (facts.kind.empty() ? std::string("a plain") : "a " + facts.kind) +
+               " device where a vlan device belongs";
+    }
+    std::uint16_t vlan = 0;
+    std::string parent;
+    if (type == InterfaceType::SVI_) {
+        vlan = static_cast<std::uint16_t>(dynamic_cast<const VlanInterface&>(intf).vlan());
+        parent = "fabric";
+    } else {
+        vlan = static_cast<std::uint16_t>(dynamic_cast<const SubInterface&>(intf).encapVlan());
+        parent = kernelIntfName(parentIntfOfSubIntf(intf.name()));
+    }
+    // The lower device is always in the default namespace: a VLAN device in a VRF names it
+    // there, one still in the default namespace names it beside itself.
+    const bool away = ns != NamespaceName(DEFAULT_NS);
+    const std::string lower =
+        facts.parentElsewhere == away ? deviceNamed(sockFd(DEFAULT_NS), facts.parentIndex) : "";
+    if (facts.vlanId != vlan || lower != parent) {
+        return "it is VLAN " + std::to_string(facts.vlanId) + " on " +
+               (lower.empty() ? std::string("a device elsewhere") : lower) +
+               " where the restore makes VLAN " + std::to_string(vlan) + " on " + parent;
+    }
+    return {};
+}
+
+bool Driver::takenOver(const Interface& intf) {
+    const std::string kernelName = kernelIntfName(intf.name());
+    if (kernelName.empty()) {
+        return false;
+    }
+    // The chip makes its devices in the default namespace (a VRF's routed port is made anew
+    // in its namespace whatever is there); a VLAN device may be where it ends, or still
+    // where the library's order makes it.
+    std::vector<std::string> places{std::string(DEFAULT_NS)};
+    if (!isChipDevice(intf.interfaceType()) && intf.netNsName() != DEFAULT_NS) {
+        places.insert(places.begin(), intf.netNsName());
+    }
+    for (const std::string& ns : places) {
+        if (ns.empty() || sockFd_.count(NamespaceName(ns)) == 0 ||
+            !deviceExists(kernelName.c_str(), sockFd(NamespaceName(ns)))) {
+            continue;
+        }
+        if (const std::string problem = takeOverProblem(intf, kernelName, NamespaceName(ns));
+            !problem.empty()) {
+            TRACE(0) << "Not taking over " << kernelName << " in " << ns << " for " << intf.name()
+                     << ": " << problem;
+            eventIs("Not taking over " + kernelName + " in " + ns + " for " + intf.name() + ": " +
+                    problem);
+            return false;
+        }
+        TRACE(0) << "Taking over " << kernelName << " in " << ns << " for " << intf.name();
+        found_[intf.name()] = ns;
+        createdIs(intf.name(), true);
+        return true;
+    }
+    return false;
+}
+
+bool Driver::inPlace(const Interface& intf) {
+    const NamespaceName ns(intf.netNsName());
+    const std::string kernelName = kernelIntfName(intf.name());
+    if (sockFd_.count(ns) == 0 || !deviceExists(kernelName.c_str(), sockFd(ns))) {
+        return false;
+    }
+    TRACE(0) << "Found " << kernelName << " in " << ns << " already";
+    found_[intf.name()] = intf.netNsName();
+    return true;
+}
+
+} // namespace Kestrune
