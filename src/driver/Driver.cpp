@@ -148,6 +148,7 @@ void Driver::createIntfsInDefaultNs() {
             }
             stopPoint();
             if (resume_ && takenOver(*intf)) {
+                doFinishTakenOver(*intf, bridgeMac);
                 continue;
             }
             switch (type) {

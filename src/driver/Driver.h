@@ -155,6 +155,9 @@ class Driver {
     // it is.
     std::string takeOverProblem(const Interface& intf, const std::string& kernelName,
                                 const NamespaceName& ns);
+    // Finishes a chip device taken over: its MTU, MAC, up flag and operational state, which
+    // the restore that made it may not have reached.
+    void doFinishTakenOver(const Interface& intf, const std::string& bridgeMac);
     // Resuming: true when the device of an SVI or subinterface is in the namespace it would
     // be moved to.
     bool inPlace(const Interface& intf);

@@ -2,6 +2,7 @@
 // Only a device that is what the restore would have made is taken over; anything else by that
 // name (another user's, a store's older shape) is said and left to the creation, which fails
 // on it, so that verify shows it rather than the restore adopting it.
+#include "driver/CpuDevice.h"
 #include "driver/Driver.h"
 #include "model/SubInterface.h"
 #include "model/VlanInterface.h"
@@ -107,6 +108,23 @@ bool Driver::takenOver(const Interface& intf) {
         return true;
     }
     return false;
+}
+
+void Driver::doFinishTakenOver(const Interface& intf, const std::string& bridgeMac) {
+    if (!isChipDevice(intf.interfaceType())) {
+        return;
+    }
+    // The restore that made it may have ended before its MAC, its up flag or its operational
+    // state: each is set again, as none changes a device that has it.
+    const std::string kernelName = kernelIntfName(intf.name());
+    presetChipDeviceMtu(intf, kernelName);
+    if (const std::string failure =
+            cpuDeviceUp(kernelName, bridgeMac, sockFd(DEFAULT_NS), netlinkFd(DEFAULT_NS));
+        !failure.empty()) {
+        TRACE(0) << failure;
+        eventIs(failure);
+        createdWith(intf, false);
+    }
 }
 
 bool Driver::inPlace(const Interface& intf) {

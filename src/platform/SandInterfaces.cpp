@@ -1,7 +1,7 @@
 // The Sand driver's devices: each front-panel port becomes a CPU device by "ifadd" on the
 // fabric channel, with its native VLAN, its internal VLAN when routed, and a prio root qdisc.
+#include "driver/CpuDevice.h"
 #include "model/SandInterface.h"
-#include "platform/CpuDevice.h"
 #include "platform/SandDriver.h"
 #include "util/Command.h"
 #include "util/Format.h"

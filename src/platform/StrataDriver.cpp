@@ -1,8 +1,8 @@
 #include "platform/StrataDriver.h"
 
+#include "driver/CpuDevice.h"
 #include "log/Log.h"
 #include "platform/ChipDevice.h"
-#include "platform/CpuDevice.h"
 #include "util/Assert.h"
 #include "util/Command.h"
 #include "util/Format.h"

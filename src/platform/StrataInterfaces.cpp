@@ -1,9 +1,9 @@
 // The Strata driver's devices: ports and LAGs by "ifadd" on the fabric channel, subinterfaces
 // as VLAN devices once the chip knows their VLAN, LAG members programmed into the chip.
+#include "driver/CpuDevice.h"
 #include "model/LagInterface.h"
 #include "model/StrataInterface.h"
 #include "model/SubInterface.h"
-#include "platform/CpuDevice.h"
 #include "platform/StrataDriver.h"
 #include "util/Format.h"
 #include "util/KernelName.h"

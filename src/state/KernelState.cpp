@@ -1,6 +1,7 @@
 #include "state/KernelState.h"
 
 #include "util/Namespace.h"
+#include "util/Netlink.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -44,27 +45,6 @@ struct Dump {
     std::map<int, DeviceState> devices;
 };
 
-int linkInfoAttribute(const nlattr* info, void* data) {
-    auto* device = static_cast<DeviceState*>(data);
-    if (mnl_attr_get_type(info) == IFLA_INFO_KIND) {
-        device->kind = mnl_attr_get_str(info);
-    } else if (mnl_attr_get_type(info) == IFLA_INFO_DATA) {
-        // Only a VLAN device's data is read; the kind comes first in the kernel's message.
-        if (device->kind == "vlan") {
-            mnl_attr_parse_nested(
-                info,
-                [](const nlattr* vlan, void* target) {
-                    if (mnl_attr_get_type(vlan) == IFLA_VLAN_ID) {
-                        static_cast<DeviceState*>(target)->vlanId = mnl_attr_get_u16(vlan);
-                    }
-                    return MNL_CB_OK;
-                },
-                data);
-        }
-    }
-    return MNL_CB_OK;
-}
-
 int linkAttribute(const nlattr* attribute, void* data) {
     auto* device = static_cast<DeviceState*>(data);
     switch (mnl_attr_get_type(attribute)) {
@@ -86,9 +66,6 @@ int linkAttribute(const nlattr* attribute, void* data) {
     case IFLA_LINK_NETNSID:
         device->linkNamespaceId = static_cast<std::int32_t>(mnl_attr_get_u32(attribute));
         break;
-    case IFLA_LINKINFO:
-        mnl_attr_parse_nested(attribute, linkInfoAttribute, data);
-        break;
     default:
         break;
     }
@@ -101,6 +78,10 @@ int linkMessage(const nlmsghdr* message, void* data) {
     device.adminUp = (link->ifi_flags & IFF_UP) != 0;
     device.carrier = (link->ifi_flags & IFF_LOWER_UP) != 0;
     mnl_attr_parse(message, sizeof *link, linkAttribute, &device);
+    Netlink::LinkFacts facts;
+    Netlink::linkFactsFrom(message, facts);
+    device.kind = facts.kind;
+    device.vlanId = facts.vlanId;
     return MNL_CB_OK;
 }
 

@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <libmnl/libmnl.h>
 #include <linux/if.h>
 #include <linux/if_addr.h>
@@ -48,10 +49,10 @@ bool putName(nlmsghdr* header, std::string_view name) {
     return true;
 }
 
-// Sends the request and reads until the kernel acknowledges it. Messages answering other
-// requests (an earlier one whose acknowledgement was never read) are skipped. Returns 0 or
-// the negative errno.
-int transact(int fd, nlmsghdr* request) {
+// Sends the request and reads until the kernel acknowledges it, handing each answering message
+// (of a request that asks for one) to `answer`. Messages answering other requests (an earlier
+// one whose acknowledgement was never read) are skipped. Returns 0 or the negative errno.
+int transact(int fd, nlmsghdr* request, const std::function<void(const nlmsghdr*)>& answer = {}) {
     sockaddr_nl kernel{};
     kernel.nl_family = AF_NETLINK;
     const auto sent = sendto(fd, request, request->nlmsg_len, 0,
@@ -78,6 +79,9 @@ int transact(int fd, nlmsghdr* request) {
             if (message->nlmsg_type == NLMSG_ERROR) {
                 const auto* error = static_cast<const nlmsgerr*>(mnl_nlmsg_get_payload(message));
                 return error->error;
+            }
+            if (answer) {
+                answer(message);
             }
         }
     }
@@ -236,6 +240,11 @@ int linkFactOf(const nlattr* attribute, void* data) {
 
 } // namespace
 
+void linkFactsFrom(const nlmsghdr* message, LinkFacts& facts) {
+    facts = LinkFacts{};
+    mnl_attr_parse(message, sizeof(ifinfomsg), linkFactOf, &facts);
+}
+
 int linkFactsOf(int fd, std::string_view deviceName, LinkFacts& facts) {
     alignas(nlmsghdr) std::array<char, bufferSize> buffer{};
     nlmsghdr* header = requestHeader(buffer.data(), RTM_GETLINK, 0);
@@ -243,37 +252,12 @@ int linkFactsOf(int fd, std::string_view deviceName, LinkFacts& facts) {
     if (!putName(header, deviceName)) {
         return -ENODEV;
     }
-    sockaddr_nl kernel{};
-    kernel.nl_family = AF_NETLINK;
-    if (sendto(fd, header, header->nlmsg_len, 0, reinterpret_cast<const sockaddr*>(&kernel),
-               sizeof kernel) < 0) {
-        return -errno;
-    }
-    const std::uint32_t sequence = header->nlmsg_seq;
     facts = LinkFacts{};
-    // The answer, then the acknowledgement; messages of other requests are skipped.
-    alignas(nlmsghdr) std::array<char, bufferSize> answer{};
-    for (;;) {
-        const auto received = recv(fd, answer.data(), answer.size(), 0);
-        if (received < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return -errno;
+    return transact(fd, header, [&facts](const nlmsghdr* message) {
+        if (message->nlmsg_type == RTM_NEWLINK) {
+            linkFactsFrom(message, facts);
         }
-        int length = static_cast<int>(received);
-        for (auto* message = reinterpret_cast<const nlmsghdr*>(answer.data());
-             mnl_nlmsg_ok(message, length); message = mnl_nlmsg_next(message, &length)) {
-            if (message->nlmsg_seq != sequence) {
-                continue;
-            }
-            if (message->nlmsg_type == RTM_NEWLINK) {
-                mnl_attr_parse(message, sizeof(ifinfomsg), linkFactOf, &facts);
-            } else if (message->nlmsg_type == NLMSG_ERROR) {
-                return static_cast<const nlmsgerr*>(mnl_nlmsg_get_payload(message))->error;
-            }
-        }
-    }
+    });
 }
 
 int linkAliasIs(int fd, std::string_view deviceName, std::string_view alias) {

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <linux/netlink.h>
 #include <netinet/in.h>
 #include <string>
 #include <string_view>
@@ -52,6 +53,8 @@ struct LinkFacts {
     std::string alias; // IFLA_IFALIAS, "" for none
 };
 int linkFactsOf(int netlinkFd, std::string_view deviceName, LinkFacts& facts);
+// The same facts from a link message the kernel sent (RTM_NEWLINK).
+void linkFactsFrom(const nlmsghdr* message, LinkFacts& facts);
 // Sets the device's alias (IFLA_IFALIAS).
 int linkAliasIs(int netlinkFd, std::string_view deviceName, std::string_view alias);
 

@@ -85,9 +85,11 @@ int folderOf(const std::string& path, std::string& name, std::string& problem) {
                 problem = walked + " is a link in a folder others can write";
                 return -1;
             }
-            next = isLink ? ::openat(folder.get(), part.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)
-                          : -1;
-            errno = isLink ? errno : ENOTDIR;
+            if (!isLink) {
+                problem = walked + ": " + std::strerror(ENOTDIR);
+                return -1;
+            }
+            next = ::openat(folder.get(), part.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
         }
         if (next < 0) {
             problem = walked + ": " + std::strerror(errno);

@@ -43,22 +43,28 @@ Driver::Ptr restore(const std::string& store, int phases, bool resume) {
     return driver;
 }
 
+// In the calling child process: a machine of its own (network namespace, /run) on a simulated
+// Strata switch whose chip log is in dir.
+void freshMachine(const TempDir& dir) {
+    if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0 ||
+        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("kestrune-test", "/run", "tmpfs", 0, "mode=0755") != 0) {
+        std::_Exit(3);
+    }
+    Sim::ChipSimulator::environmentIs(KESTRUNE_CHIP_TOOLS, dir.file("chip.log"),
+                                      dir.file("registers"));
+    mountDefaultNs();
+    chipDeviceIs(std::make_shared<Sim::ChipSimulator>(dir.file("chip.log"),
+                                                      Sim::ChipSimulator::Family::strata));
+}
+
 // In a machine of its own (network namespace, /run), on a simulated switch: a restore stopped
 // after `stoppedAfter` phases (none: no first run), then a resumed one when asked; what the
 // kernel holds afterwards, devices and filter rules, in `stateFile`.
 void restoreInFreshMachine(const std::string& store, int stoppedAfter, bool resumeAfter,
                            const std::string& stateFile, const TempDir& dir) {
     runProcess(dir, [&] {
-        if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0 ||
-            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-            mount("kestrune-test", "/run", "tmpfs", 0, "mode=0755") != 0) {
-            std::_Exit(3);
-        }
-        Sim::ChipSimulator::environmentIs(KESTRUNE_CHIP_TOOLS, dir.file("chip.log"),
-                                          dir.file("registers"));
-        mountDefaultNs();
-        chipDeviceIs(std::make_shared<Sim::ChipSimulator>(dir.file("chip.log"),
-                                                          Sim::ChipSimulator::Family::strata));
+        freshMachine(dir);
         Driver::Ptr driver = restore(store, stoppedAfter, false);
         if (resumeAfter) {
             // The interrupted restore's process is gone, and its queues with it.
@@ -153,16 +159,7 @@ TEST_F(Resume, OnlyWhatTheRestoreWouldHaveMadeIsTakenOver) {
         SCOPED_TRACE(row.what);
         const TempDir machine;
         const Outcome outcome = runProcess(machine, [&] {
-            if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0 ||
-                mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-                mount("kestrune-test", "/run", "tmpfs", 0, "mode=0755") != 0) {
-                std::_Exit(3);
-            }
-            Sim::ChipSimulator::environmentIs(KESTRUNE_CHIP_TOOLS, machine.file("chip.log"),
-                                              machine.file("registers"));
-            mountDefaultNs();
-            chipDeviceIs(std::make_shared<Sim::ChipSimulator>(machine.file("chip.log"),
-                                                              Sim::ChipSimulator::Family::strata));
+            freshMachine(machine);
             const Config::Ptr config = configParserCreatorFactory()->createFrom(store)->parse();
             const Driver::Ptr driver = DriverCreator(config).create();
             driver->resumeIs(true);

@@ -1,4 +1,4 @@
-#include "platform/CpuDevice.h"
+#include "driver/CpuDevice.h"
 
 #include "util/Utils.h"
 
