@@ -61,5 +61,5 @@ inRoot ctest --test-dir "$build" -L 'unit|kernel' -j "$(nproc)" --output-on-fail
 
 step "tests (i386: production, in the 32-bit guest)"
 # The guest sees the root, with the sources where the build expects them.
-KESTRUNE_VM_ROOT=$root KESTRUNE_VM_ARCH=i386 \
+KESTRUNE_VM_ROOT=$root KESTRUNE_VM_ARCH=i386 KESTRUNE_VM_TIMEOUT=${KESTRUNE_VM_TIMEOUT:-1100} \
     "$source/scripts/vm-run.sh" "$build/bin/kestrune_production_tests"

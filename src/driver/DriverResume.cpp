@@ -96,10 +96,11 @@ bool Driver::takenOver(const Interface& intf) {
         }
         if (const std::string problem = takeOverProblem(intf, kernelName, NamespaceName(ns));
             !problem.empty()) {
-            TRACE(0) << "Not taking over " << kernelName << " in " << ns << " for " << intf.name()
-                     << ": " << problem;
-            eventIs("Not taking over " + kernelName + " in " + ns + " for " + intf.name() + ": " +
-                    problem);
+            std::string text = "Not taking over ";
+            text.append(kernelName).append(" in ").append(ns).append(" for ");
+            text.append(intf.name()).append(": ").append(problem);
+            TRACE(0) << text;
+            eventIs(text);
             return false;
         }
         TRACE(0) << "Taking over " << kernelName << " in " << ns << " for " << intf.name();

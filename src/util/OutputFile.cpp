@@ -188,7 +188,8 @@ bool outputReplaced(const std::string& path, const std::string& text, std::strin
             problem = std::string("no random name: ") + std::strerror(errno);
             return false;
         }
-        fresh = name + ".new-" + letters;
+        fresh = name;
+        fresh.append(".new-").append(letters);
         file.reset(::openat(folder.get(), fresh.c_str(),
                             O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
         if (file.get() < 0 && errno != EEXIST) {
