@@ -53,10 +53,10 @@ int ChipPorts::made(const std::string& name, Kind kind, const std::string& recor
         return -1;
     }
     // A driver registers a new device: a name another device has is taken, as the kernel
-    // answers it, where a TAP's open would attach to that device instead.
-    ifreq existing{};
-    name.copy(existing.ifr_name, IFNAMSIZ - 1);
-    if (ioctl(socket_, SIOCGIFINDEX, &existing) == 0) {
+    // answers it, where a TAP's open would attach to that device instead. Asked over rtnetlink:
+    // an ioctl naming a missing device has the kernel run modprobe for it.
+    Netlink::LinkFacts existing;
+    if (Netlink::linkFactsOf(netlink_, name, existing) == 0) {
         errno = EEXIST;
         return -1;
     }

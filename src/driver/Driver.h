@@ -5,6 +5,7 @@
 #include "model/Config.h"
 #include "model/Interface.h"
 #include "util/Namespace.h"
+#include "util/Netlink.h"
 
 #include <cstdint>
 #include <functional>
@@ -153,8 +154,11 @@ class Driver {
     // Why the device found in `ns` is not the one the restore makes for intf: its kind, its
     // lower device and VLAN id for a VLAN device, the chip's record of a chip device; "" when
     // it is.
-    std::string takeOverProblem(const Interface& intf, const std::string& kernelName,
+    std::string takeOverProblem(const Interface& intf, const Netlink::LinkFacts& facts,
                                 const NamespaceName& ns);
+    // Whether the device is in the namespace, with what it is.
+    bool deviceFound(const NamespaceName& ns, const std::string& kernelName,
+                     Netlink::LinkFacts& facts);
     // Finishes a chip device taken over: its MTU, MAC, up flag and operational state, which
     // the restore that made it may not have reached.
     void doFinishTakenOver(const Interface& intf, const std::string& bridgeMac);

@@ -143,11 +143,6 @@ bool setMtu(const char* deviceName, unsigned mtu, int socketFd) {
     return true;
 }
 
-bool deviceExists(const char* deviceName, int socketFd) {
-    ifreq request = requestFor(deviceName);
-    return ioctl(socketFd, SIOCGIFINDEX, &request) == 0;
-}
-
 std::string addressProblem(const std::string& address, int family, void* parsed,
                            int& prefixLength) {
     std::string text;

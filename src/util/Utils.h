@@ -37,8 +37,6 @@ ether_addr macBytesOf(std::string_view text);
 bool isUnicastMac(const ether_addr& mac);
 bool setDevUp(const char* deviceName, int socketFd);
 bool setMtu(const char* deviceName, unsigned mtu, int socketFd);
-// Whether a device of that name is in the socket's namespace.
-bool deviceExists(const char* deviceName, int socketFd);
 
 bool ipAddrAdd(int netlinkFd, const std::string& deviceName, const std::string& address,
                bool secondary);
