@@ -154,8 +154,8 @@ int Chip::fabricCommand(const std::string& command, unsigned client) {
         return -1;
     }
     try {
-        const int result =
-            family_ == Family::strata ? strataCommand(words, client) : sandCommand(words, client);
+        const int result = family_ == Family::strata ? strataCommand(command, words, client)
+                                                     : sandCommand(command, words, client);
         if (result == 0) {
             afterCommand(words);
         }
@@ -190,12 +190,7 @@ ChipPorts::Kind Chip::kindFor(const std::string& device) const {
     return ChipPorts::Kind::ethernet;
 }
 
-int Chip::newCpuDevice(const std::vector<std::string>& words, unsigned client) {
-    const std::string& name = words[1];
-    std::string command;
-    for (const std::string& word : words) {
-        command += (command.empty() ? "" : " ") + word;
-    }
+int Chip::newCpuDevice(const std::string& name, const std::string& command, unsigned client) {
     unsigned& made = devicesOf_[client];
     if (client != rootClient && made >= devicesPerClient) {
         log("refused ifadd " + name + " from uid " + std::to_string(client) + ": it has made " +
@@ -228,10 +223,11 @@ std::size_t Chip::recordSize(unsigned long request, const unsigned char* known,
     return 0;
 }
 
-int Chip::strataCommand(const std::vector<std::string>& words, unsigned client) {
+int Chip::strataCommand(const std::string& command, const std::vector<std::string>& words,
+                        unsigned client) {
     const auto number = [&](std::size_t i) { return std::stoi(words[i]); };
     if (words[0] == "ifadd") {
-        return newCpuDevice(words, client);
+        return newCpuDevice(words[1], command, client);
     }
     if (words[0] == "internalvlan") {
         if (!ports_.has(words[1])) {
@@ -272,7 +268,8 @@ int Chip::strataCommand(const std::vector<std::string>& words, unsigned client) 
     return 0;
 }
 
-int Chip::sandCommand(const std::vector<std::string>& words, unsigned client) {
+int Chip::sandCommand(const std::string& command, const std::vector<std::string>& words,
+                      unsigned client) {
     const auto number = [&](std::size_t i) { return std::stoi(words[i]); };
     const auto refuse = [](int error) {
         errno = error;
@@ -318,7 +315,7 @@ int Chip::sandCommand(const std::vector<std::string>& words, unsigned client) {
         if (fap == faps_.end() || !fap->second.up) {
             return refuse(ENODEV);
         }
-        if (newCpuDevice(words, client) != 0) {
+        if (newCpuDevice(words[1], command, client) != 0) {
             return -1;
         }
         sandPorts_[words[1]] = SandPort{number(2), number(3), words[4]};

@@ -115,10 +115,14 @@ class Chip {
   private:
     // A command's words, split at blanks.
     static std::vector<std::string> wordsOf(const std::string& command);
-    int strataCommand(const std::vector<std::string>& words, unsigned client);
-    int sandCommand(const std::vector<std::string>& words, unsigned client);
-    // The CPU device words[1], made by the command of these words for the client.
-    int newCpuDevice(const std::vector<std::string>& words, unsigned client);
+    // One command of the family, as sent and as its words.
+    int strataCommand(const std::string& command, const std::vector<std::string>& words,
+                      unsigned client);
+    int sandCommand(const std::string& command, const std::vector<std::string>& words,
+                    unsigned client);
+    // The CPU device `name`, made by `command` for the client; the command is the chip's
+    // record of it.
+    int newCpuDevice(const std::string& name, const std::string& command, unsigned client);
     // Refuses, with a line in the chip log, when a table is full; 0 when it has room.
     int tableRoom(std::size_t entries, const char* table);
     // Moves the log to "<log>.1" unless what it holds and `incoming` bytes still fit.

@@ -36,9 +36,12 @@ int ChipPorts::queue(const std::string& name, bool ethernet) {
     }
     ifreq request{};
     name.copy(request.ifr_name, IFNAMSIZ - 1);
-    request.ifr_flags = static_cast<short>((ethernet ? IFF_TAP : IFF_TUN) | IFF_NO_PI);
+    // A driver registers a new device: a name another device has is taken (EXCL), where the
+    // open would otherwise attach to a TAP already there.
+    request.ifr_flags =
+        static_cast<short>((ethernet ? IFF_TAP : IFF_TUN) | IFF_NO_PI | IFF_TUN_EXCL);
     if (ioctl(fd, TUNSETIFF, &request) < 0 || ioctl(fd, TUNSETPERSIST, 1) < 0) {
-        const int error = errno;
+        const int error = errno == EBUSY ? EEXIST : errno;
         ::close(fd);
         errno = error;
         return -1;
@@ -50,14 +53,6 @@ int ChipPorts::queue(const std::string& name, bool ethernet) {
 int ChipPorts::made(const std::string& name, Kind kind, const std::string& record) {
     if (queues_.count(name) != 0 || !isKernelDeviceName(name)) {
         errno = queues_.count(name) != 0 ? EEXIST : EINVAL;
-        return -1;
-    }
-    // A driver registers a new device: a name another device has is taken, as the kernel
-    // answers it, where a TAP's open would attach to that device instead. Asked over rtnetlink:
-    // an ioctl naming a missing device has the kernel run modprobe for it.
-    Netlink::LinkFacts existing;
-    if (Netlink::linkFactsOf(netlink_, name, existing) == 0) {
-        errno = EEXIST;
         return -1;
     }
     if (kind == Kind::noUp || kind == Kind::jumbo) {

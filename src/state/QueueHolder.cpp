@@ -46,58 +46,55 @@ std::string netNamespaceOf(const std::string& proc) {
 }
 
 // Whether the process is a holder of ours: named so, leading its own session, this user's,
-// and in this process's network namespace (a switch has one default namespace; a test
-// machine may run several restores side by side). A holder an earlier version started was
-// `kestrune hold`.
-bool isHolder(pid_t pid) {
+// and in the network namespace `ownNamespace` names (a switch has one default namespace; a
+// test machine may run several restores side by side). A holder an earlier version started
+// was `kestrune hold`. The name is read first: it rules out nearly every process at once.
+bool isHolder(pid_t pid, const std::string& ownNamespace) {
     const std::string proc = "/proc/" + std::to_string(pid);
+    bool named = firstLine(proc + "/comm") == holderName;
+    if (!named) {
+        std::ifstream commandLine(proc + "/cmdline");
+        std::string argv0;
+        std::string argv1;
+        std::getline(commandLine, argv0, '\0');
+        std::getline(commandLine, argv1, '\0');
+        if (argv1 != "hold" || argv0.find("kestrune") == std::string::npos) {
+            return false;
+        }
+    }
     struct stat status {};
     if (stat(proc.c_str(), &status) != 0 || status.st_uid != geteuid() ||
-        netNamespaceOf(proc) != netNamespaceOf("/proc/self")) {
+        netNamespaceOf(proc) != ownNamespace) {
         return false;
     }
-    if (firstLine(proc + "/comm") == holderName) {
-        // The session is the fifth field of stat, after the name in parentheses.
-        const std::string stat = firstLine(proc + "/stat");
-        const std::size_t nameEnd = stat.rfind(')');
-        pid_t parent = 0;
-        pid_t group = 0;
-        pid_t session = 0;
-        char state = 0;
-        return nameEnd != std::string::npos &&
-               std::sscanf(stat.c_str() + nameEnd + 1, " %c %d %d %d", &state, &parent, &group,
-                           &session) == 4 &&
-               session == pid;
+    if (!named) {
+        return true;
     }
-    std::ifstream commandLine(proc + "/cmdline");
-    std::string argv0;
-    std::string argv1;
-    std::getline(commandLine, argv0, '\0');
-    std::getline(commandLine, argv1, '\0');
-    return argv1 == "hold" && argv0.find("kestrune") != std::string::npos;
+    // The session is the fifth field of stat, after the name in parentheses.
+    const std::string stat = firstLine(proc + "/stat");
+    const std::size_t nameEnd = stat.rfind(')');
+    pid_t parent = 0;
+    pid_t group = 0;
+    pid_t session = 0;
+    char state = 0;
+    return nameEnd != std::string::npos &&
+           std::sscanf(stat.c_str() + nameEnd + 1, " %c %d %d %d", &state, &parent, &group,
+                       &session) == 4 &&
+           session == pid;
 }
 
-// The pid the file names when it is a holder of ours, else 0: a pid file can outlive its
-// process, and the pid be someone else's by now.
-pid_t holderOfPidFile() {
-    std::ifstream file(QueueHolder::pidFile);
-    pid_t pid = 0;
-    return file >> pid && pid > 0 && isHolder(pid) ? pid : 0;
-}
-
-// Every holder of ours that runs: the pid file's, and any other found by its name and session,
+// Every holder of ours that runs, found by name and session: the pid file's, and any other
 // for a pid file that was removed, or names another process, while its holder lived.
 std::set<pid_t> runningHolders() {
+    const std::string ownNamespace = netNamespaceOf("/proc/self");
     std::set<pid_t> holders;
-    if (const pid_t named = holderOfPidFile(); named != 0) {
-        holders.insert(named);
-    }
     DIR* proc = opendir("/proc");
     for (const dirent* entry = proc ? readdir(proc) : nullptr; entry != nullptr;
          entry = readdir(proc)) {
         char* end = nullptr;
         const long pid = std::strtol(entry->d_name, &end, 10);
-        if (*end == '\0' && pid > 0 && pid != getpid() && isHolder(static_cast<pid_t>(pid))) {
+        if (*end == '\0' && pid > 0 && pid != getpid() &&
+            isHolder(static_cast<pid_t>(pid), ownNamespace)) {
             holders.insert(static_cast<pid_t>(pid));
         }
     }
@@ -105,6 +102,13 @@ std::set<pid_t> runningHolders() {
         closedir(proc);
     }
     return holders;
+}
+
+// Whether the pid file names one of the holders.
+bool pidFileNamesOneOf(const std::set<pid_t>& holders) {
+    std::ifstream file(QueueHolder::pidFile);
+    pid_t pid = 0;
+    return file >> pid && holders.count(pid) != 0;
 }
 
 // Waits up to `ms` for the process to be gone.
@@ -160,7 +164,7 @@ bool gone(pid_t pid, int ms) {
 
 bool QueueHolder::doEndPrevious(std::string& problem) {
     const std::set<pid_t> holders = runningHolders();
-    if (!holders.empty() && holderOfPidFile() == 0) {
+    if (!holders.empty() && !pidFileNamesOneOf(holders)) {
         TRACE_EXTRA(0) << "QueueHolder " << pidFile << " names no holder; ending " << holders.size()
                        << " found by name";
     }

@@ -2,6 +2,7 @@
 
 #include "log/Log.h"
 #include "util/Assert.h"
+#include "util/Descriptor.h"
 #include "util/Netlink.h"
 #include "util/RestoreGuards.h"
 #include "util/Trace.h"
@@ -34,23 +35,6 @@ std::string namespacePath(std::string_view name) {
 namespace {
 
 constexpr const char* threadNamespace = "/proc/thread-self/ns/net";
-
-// Closes a descriptor when the scope ends.
-class Descriptor {
-  public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return fd_; }
-
-  private:
-    int fd_;
-};
 
 int openNamespace(const char* operation, std::string_view name) {
     const std::string path = namespacePath(name);

@@ -1,5 +1,8 @@
 #include "util/OutputFile.h"
 
+#include "util/Descriptor.h"
+#include "util/OwnedFile.h"
+
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -10,34 +13,6 @@
 
 namespace Kestrune {
 namespace {
-
-// A descriptor closed when it goes out of scope.
-class Fd {
-  public:
-    explicit Fd(int fd = -1) : fd_(fd) {}
-    ~Fd() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    void reset(int fd) {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-        fd_ = fd;
-    }
-    int get() const { return fd_; }
-    int release() {
-        const int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-
-  private:
-    int fd_;
-};
 
 // A link in this folder is root's or this user's own doing only when nobody else can write
 // the folder at all: in one of another user's, or a sticky one such as /tmp, anyone could
@@ -58,7 +33,7 @@ int folderOf(const std::string& path, std::string& name, std::string& problem) {
     }
     const bool absolute = !path.empty() && path[0] == '/';
     std::string walked = absolute ? "/" : ".";
-    Fd folder(::open(walked.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    Descriptor folder(::open(walked.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     struct stat status {};
     if (folder.get() < 0 || fstat(folder.get(), &status) != 0) {
         problem = walked + ": " + std::strerror(errno);
@@ -115,14 +90,14 @@ int checkedFile(int fd, std::string& problem) {
         return -1;
     }
     struct stat status {};
-    if (fstat(fd, &status) == 0 && S_ISCHR(status.st_mode)) {
+    if (fstat(fd, &status) != 0) {
+        problem = std::strerror(errno);
+    } else if (!S_ISCHR(status.st_mode)) {
         // Only root makes device nodes: /dev/null is an operator's choice, not a plant.
-    } else if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
-        problem = "it is not a regular file";
-    } else if (status.st_uid != geteuid()) {
-        problem = "it belongs to uid " + std::to_string(status.st_uid);
-    } else if (status.st_nlink > 1) {
-        problem = "it has another name (a hard link)";
+        problem = notOwnedBecause(status);
+        if (problem.empty() && status.st_nlink > 1) {
+            problem = "it has another name (a hard link)";
+        }
     }
     if (!problem.empty()) {
         ::close(fd);
@@ -164,7 +139,7 @@ bool writeAll(int fd, const std::string& text) {
 
 int openOutput(const std::string& path, int flags, std::string& problem) {
     std::string name;
-    const Fd folder(folderOf(path, name, problem));
+    const Descriptor folder(folderOf(path, name, problem));
     if (folder.get() < 0) {
         return -1;
     }
@@ -175,12 +150,12 @@ int openOutput(const std::string& path, int flags, std::string& problem) {
 
 bool outputReplaced(const std::string& path, const std::string& text, std::string& problem) {
     std::string name;
-    const Fd folder(folderOf(path, name, problem));
+    const Descriptor folder(folderOf(path, name, problem));
     if (folder.get() < 0) {
         return false;
     }
     std::string fresh;
-    Fd file;
+    Descriptor file;
     // Another user may guess nothing, but a name taken by chance is tried again.
     for (int attempt = 0; attempt < 16 && file.get() < 0; ++attempt) {
         const std::string letters = randomLetters();

@@ -143,12 +143,15 @@ bool setMtu(const char* deviceName, unsigned mtu, int socketFd) {
     return true;
 }
 
-std::string addressProblem(const std::string& address, int family, void* parsed,
-                           int& prefixLength) {
+std::string addressProblem(const std::string& address, int family, void* parsed, int& prefixLength,
+                           bool conversionErrorsOut) {
     std::string text;
     try {
         getAddrAndPrefix(address, text, prefixLength);
     } catch (const std::logic_error& e) { // invalid_argument, out_of_range
+        if (conversionErrorsOut) {
+            throw;
+        }
         // One odd address in a store costs that address, not the restore.
         return "prefix length of " + address + " is not a number (" + e.what() + ")";
     }
@@ -196,13 +199,10 @@ unsigned addressToAdd(int netlinkFd, const char* operation, int family,
     if (index == 0) {
         return 0;
     }
-    if (!Kestrune::restoreGuards().valueRanges) {
-        // The sequence lets a prefix length that is no number end the restore: the
-        // conversion's error leaves ipAddrAdd for its caller, and nothing catches it.
-        std::string text;
-        getAddrAndPrefix(address, text, prefixLength);
-    }
-    if (const std::string problem = addressProblem(address, family, parsed, prefixLength);
+    // The sequence lets a prefix length that is no number end the restore: the conversion's
+    // error leaves ipAddrAdd for its caller, and nothing catches it.
+    if (const std::string problem = addressProblem(address, family, parsed, prefixLength,
+                                                   !Kestrune::restoreGuards().valueRanges);
         !problem.empty()) {
         TRACE_EXTRA(0) << operation << " " << deviceName << " " << problem;
         return 0;

@@ -50,5 +50,7 @@ std::string parentIntfOfSubIntf(const std::string& subIntfName);
 // std::stoi) when the prefix length is not a number.
 void getAddrAndPrefix(const std::string& text, std::string& address, int& prefixLength);
 // Why an address text of the family (AF_INET, AF_INET6) cannot be added, "" when it can: then
-// `parsed` (in_addr or in6_addr) and prefixLength hold it. Never throws.
-std::string addressProblem(const std::string& address, int family, void* parsed, int& prefixLength);
+// `parsed` (in_addr or in6_addr) and prefixLength hold it. Throws only when asked to let
+// getAddrAndPrefix's conversion error out, as the restore's sequence does.
+std::string addressProblem(const std::string& address, int family, void* parsed, int& prefixLength,
+                           bool conversionErrorsOut = false);

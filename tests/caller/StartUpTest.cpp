@@ -201,12 +201,6 @@ TEST_P(StartUpCase, TheRestoreDoesWhatItsSequenceSays) {
     c.check(result, *this);
 }
 
-bool anyOf(const std::vector<std::string>& lines, const std::string& text) {
-    return std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
-        return line.find(text) != std::string::npos;
-    });
-}
-
 bool hasEvent(const StartUpResult& result, const std::string& prefix) {
     return std::any_of(result.events.begin(), result.events.end(),
                        [&](const std::string& e) { return e.rfind(prefix, 0) == 0; });
@@ -388,7 +382,7 @@ INSTANTIATE_TEST_SUITE_P(
                  EXPECT_NE(result.errors.find("assertion failed: data_.f.flags & kIntFlag"),
                            std::string::npos)
                      << result.errors;
-                 EXPECT_FALSE(anyOf(result.traces, "doInit")) << "the parse ends it";
+                 EXPECT_FALSE(anyContains(result.traces, "doInit")) << "the parse ends it";
                  const CliResult cli = t.restore();
                  EXPECT_EQ(cli.exitCode, 1);
                  EXPECT_EQ(cli.signal, 0);
@@ -409,7 +403,7 @@ INSTANTIATE_TEST_SUITE_P(
                  EXPECT_EQ(result.errors.find("bad_alloc"), std::string::npos) << result.errors;
                  const CliResult cli = t.restore();
                  EXPECT_EQ(cli.exitCode, 2);
-                 EXPECT_TRUE(anyOf(cli.traces, "is not a regular file"));
+                 EXPECT_TRUE(anyContains(cli.traces, "is not a regular file"));
              }}),
     [](const ::testing::TestParamInfo<Case>& info) { return info.param.name; });
 

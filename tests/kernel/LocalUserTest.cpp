@@ -116,12 +116,6 @@ bool hasEvent(const std::vector<Event>& events, const std::string& message) {
                        [&](const Event& event) { return event.message == message; });
 }
 
-bool anyContains(const std::vector<std::string>& lines, const std::string& text) {
-    return std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
-        return line.find(text) != std::string::npos;
-    });
-}
-
 // An sqlite3 script run on a history before the restore opens it.
 void sqlite(const std::string& history, const std::string& script) {
     int status = 0;

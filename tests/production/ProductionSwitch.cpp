@@ -76,7 +76,7 @@ void ProductionSwitch::SetUp() {
     std::ofstream(file("chip.log")).close();
 }
 
-void ProductionSwitch::TearDown() {
+void ProductionSwitch::doEndDaemonAndHolder() {
     // The daemon holds the chip's device numbers for the whole guest: the next test needs them.
     // The restore's queue holder keeps this test's namespaces alive.
     for (const std::string& pidPath : {dir_ ? file("daemon.pid") : "", queueHolderPidFile}) {
@@ -88,6 +88,10 @@ void ProductionSwitch::TearDown() {
             }
         }
     }
+}
+
+void ProductionSwitch::TearDown() {
+    doEndDaemonAndHolder();
     umount2("/etc/modprobe.d", MNT_DETACH);
     umount2("/dev", MNT_DETACH);
     dir_.reset();

@@ -21,6 +21,9 @@ class ProductionSwitch : public PrivateNetwork {
   protected:
     void SetUp() override;
     void TearDown() override;
+    // Ends the chip device daemon and the queue holder, each told to end as at shutdown, and
+    // returns once they are gone.
+    void doEndDaemonAndHolder();
 
     // Makes the DMA module of the family ("strata" or "sand") load the daemon, refusing what
     // `refused` names (comma-separated, see the chip's fault names), or run `command` instead.

@@ -12,7 +12,6 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <sstream>
-#include <thread>
 
 namespace Kestrune::Testing {
 namespace {
@@ -29,17 +28,9 @@ class ResumeCost : public ProductionSwitch {
     // Back to a switch before any restore: the chip (its daemon) gone with every device and
     // namespace, as after a reboot.
     void machineReset() {
-        for (const std::string& pidPath : {file("daemon.pid"), queueHolderPidFile}) {
-            const std::string text = contentOf(pidPath);
-            const pid_t pid = text.empty() ? 0 : std::stoi(text);
-            // Told to end, as at shutdown: the daemon gives the chip's device numbers back.
-            if (pid > 0 && kill(pid, SIGTERM) == 0) {
-                for (int tries = 0; tries < 500 && running(pid); ++tries) {
-                    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-                }
-            }
-            std::remove(pidPath.c_str());
-        }
+        doEndDaemonAndHolder();
+        std::remove(file("daemon.pid").c_str());
+        std::remove(queueHolderPidFile.c_str());
         // The restore makes the chip's nodes itself, on a /dev that has none.
         std::remove("/dev/fabric");
         std::remove("/dev/kovana-bde");

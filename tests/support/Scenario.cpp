@@ -5,6 +5,7 @@
 #include "util/RestoreGuards.h"
 #include "util/Trace.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -104,6 +105,12 @@ std::string joined(const std::vector<std::string>& lines) {
         text += line + "\n";
     }
     return text;
+}
+
+bool anyContains(const std::vector<std::string>& lines, const std::string& text) {
+    return std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
+        return line.find(text) != std::string::npos;
+    });
 }
 
 std::string contentOf(const std::string& path) {

@@ -50,6 +50,8 @@ std::vector<std::string> linesOf(const std::string& path, char separator = '\n')
 std::string firstLineOf(const std::string& path);
 // The lines, each ended by a newline, as a file holds them.
 std::string joined(const std::vector<std::string>& lines);
+// Whether any of the lines holds text.
+bool anyContains(const std::vector<std::string>& lines, const std::string& text);
 // The whole of a file, or "" when it cannot be read.
 std::string contentOf(const std::string& path);
 std::string shellOutput(const std::string& command, int* status);
