@@ -198,7 +198,11 @@ int Chip::newCpuDevice(const std::string& name, const std::string& command, unsi
         errno = EDQUOT;
         return -1;
     }
-    if (ports_.made(name, kindFor("port"), command) != 0) {
+    // The device's record names who asked for it when that is not root: a device another
+    // user had made is never what a restore's own command made, whatever its words.
+    const std::string record =
+        client == rootClient ? command : command + " (uid " + std::to_string(client) + ")";
+    if (ports_.made(name, kindFor("port"), record) != 0) {
         const int error = errno;
         TRACE(0) << "chip: cannot make the CPU device " << name << ": " << std::strerror(error);
         errno = error == EEXIST ? EEXIST : error == EMFILE ? EMFILE : EIO;

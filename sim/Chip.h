@@ -120,8 +120,8 @@ class Chip {
                       unsigned client);
     int sandCommand(const std::string& command, const std::vector<std::string>& words,
                     unsigned client);
-    // The CPU device `name`, made by `command` for the client; the command is the chip's
-    // record of it.
+    // The CPU device `name`, made by `command` for the client; the command, and the client
+    // when it is not root, are the chip's record of it.
     int newCpuDevice(const std::string& name, const std::string& command, unsigned client);
     // Refuses, with a line in the chip log, when a table is full; 0 when it has room.
     int tableRoom(std::size_t entries, const char* table);

@@ -6,11 +6,14 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <set>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <sys/wait.h>
 #include <tuple>
 #include <unistd.h>
 
@@ -99,6 +102,59 @@ TEST_F(ProductionSwitch, ASecondRestoreEndsTheFirstsHolderAndTakesItsDevicesOver
     // The state is the first restore's.
     const std::string kernel = kernelText();
     EXPECT_EQ(kernel, expected("strata-kernel.txt", kernel));
+}
+
+// Another local user (uid 65534) asks the chip, through its node anyone may open, for two
+// devices the restore has not made yet: a port, by the restore's own command, and a TAP by the
+// name of an SVI's VLAN device. A resumed restore takes over neither: it says why, records it,
+// fails to make them, and verify shows both.
+TEST_F(ProductionSwitch, AResumeTakesOverNoDeviceAnotherUserHadTheChipMake) {
+    moduleLoaded("strata");
+    storeIs("strata");
+    // The restore's command for et1_10, as the expected trace has it.
+    const std::string ownCommand = "ifadd et1_10 0 10 -1 1015 88 1076";
+    std::fflush(nullptr);
+    const pid_t nobody = fork();
+    if (nobody == 0) {
+        if (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0) {
+            _exit(99);
+        }
+        const int fd = ::open("/dev/fabric", O_RDWR);
+        int made = 0;
+        for (const std::string& command :
+             {ownCommand, std::string("ifadd vlan13 0 98 -1 0 8 24")}) {
+            made += fd >= 0 && ::ioctl(fd, command.size() + 1, command.c_str()) == 0 ? 1 : 0;
+        }
+        _exit(made);
+    }
+    int status = 0;
+    waitpid(nobody, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status));
+    ASSERT_EQ(WEXITSTATUS(status), 2) << "uid 65534 could not have the chip make both devices";
+
+    const CliResult resumed = restore({"--resume"});
+    EXPECT_EQ(resumed.exitCode, 1);
+    const std::string refusals[] = {
+        "Not taking over et1_10 in default for Ethernet1/10: the chip made it by \"" + ownCommand +
+            " (uid 65534)\" where the restore sends \"" + ownCommand + "\"",
+        "Not taking over vlan13 in default for Vlan13: it is a tun device where a vlan device "
+        "belongs"};
+    const std::vector<std::string> events = eventsOf(file("history.db"));
+    for (const std::string& refusal : refusals) {
+        EXPECT_TRUE(has(resumed.traces, "Kestrune:0 " + refusal)) << joined(resumed.traces);
+        EXPECT_TRUE(has(events, "Driver: " + refusal)) << joined(events);
+    }
+    for (const char* name : {"Ethernet1/10", "Vlan13"}) {
+        EXPECT_TRUE(
+            has(events, std::string("Driver: Unable to create Kernel interface for ") + name))
+            << joined(events);
+    }
+    int verified = -1;
+    const std::string drift =
+        outputOf({KESTRUNE_CLI, "verify", "--pstore-dir", file("pstore")}, &verified);
+    EXPECT_EQ(verified, 1) << drift;
+    EXPECT_NE(drift.find("vlan13"), std::string::npos) << drift;
+    EXPECT_NE(drift.find("et1_10"), std::string::npos) << drift;
 }
 
 // The VRFs' routed ports keep carrier only while their holder has their queues: `verify`
