@@ -1,5 +1,7 @@
 #pragma once
 
+#include "model/ChipFamily.h"
+
 #include <map>
 #include <string>
 
@@ -11,7 +13,7 @@ namespace Kestrune::Sim {
 class ChipPorts {
   public:
     // The CPU devices' frame size: jumbo, as the chip's CPU ports take.
-    static constexpr unsigned cpuMtu = 9216;
+    static constexpr unsigned cpuMtu = chipDeviceMtu;
 
     enum class Kind {
         ethernet,

@@ -265,7 +265,7 @@ int Driver::presetMtu(int mtu) {
     // A device that comes into being below IPv6's minimum never gets IPv6 at all, and the
     // configure pass would find no IPv6 switches to set: such an MTU is left to that pass,
     // which takes IPv6 off the device as the library's order does.
-    return mtu >= ipv6MinimumMtu ? mtu : 0;
+    return mtu >= static_cast<int>(ipv6MinimumMtu) ? mtu : 0;
 }
 
 void Driver::presetChipDeviceMtu(const Interface& intf, const std::string& kernelName) const {
@@ -274,7 +274,8 @@ void Driver::presetChipDeviceMtu(const Interface& intf, const std::string& kerne
         (type != InterfaceType::RoutedPort_ && type != InterfaceType::LagRouted_)) {
         return;
     }
-    const int mtu = presetMtu(intf.netNsName() == DEFAULT_NS ? intf.mtu() : vrfPortChipMtu);
+    const int mtu =
+        presetMtu(intf.netNsName() == DEFAULT_NS ? intf.mtu() : static_cast<int>(vrfPortChipMtu));
     if (mtu > 0) {
         ifreq request{};
         kernelName.copy(request.ifr_name, IFNAMSIZ - 1);

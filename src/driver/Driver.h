@@ -4,6 +4,7 @@
 #include "driver/ZelVrfCreate.h"
 #include "model/Config.h"
 #include "model/Interface.h"
+#include "plan/RestorePlan.h"
 #include "util/Namespace.h"
 #include "util/Netlink.h"
 
@@ -11,6 +12,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -130,7 +132,6 @@ class Driver {
     // The MTU the fast order may give a device before it first comes up: the MTU, or 0 (none)
     // for one below IPv6's minimum.
     static int presetMtu(int mtu);
-    static constexpr int ipv6MinimumMtu = 1280;
 
   private:
     // The fast order's createVlanInterface: the device made in its VRF's namespace.
@@ -176,6 +177,9 @@ class Driver {
     bool resume_ = false;
     RestoreOrder order_ = RestoreOrder::library;
     std::map<std::string, std::string> found_;
+    // What the restore makes, for a resume to compare what it finds with; made when first
+    // asked.
+    std::optional<RestorePlan> plan_;
     NamespaceFiles namespaceFiles_{"makeVlanDevice"};
 };
 

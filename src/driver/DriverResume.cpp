@@ -4,10 +4,9 @@
 // on it, so that verify shows it rather than the restore adopting it.
 #include "driver/CpuDevice.h"
 #include "driver/Driver.h"
-#include "model/SubInterface.h"
-#include "model/VlanInterface.h"
 #include "util/KernelName.h"
 #include "util/Netlink.h"
+#include "util/RestoreGuards.h"
 #include "util/Trace.h"
 #include "util/Utils.h"
 
@@ -59,15 +58,18 @@ std::string Driver::takeOverProblem(const Interface& intf, const Netlink::LinkFa
         return "it is " + (facts.kind.empty() ? std::string("a plain") : "a " + facts.kind) +
                " device where a vlan device belongs";
     }
-    std::uint16_t vlan = 0;
-    std::string parent;
-    if (type == InterfaceType::SVI_) {
-        vlan = static_cast<std::uint16_t>(dynamic_cast<const VlanInterface&>(intf).vlan());
-        parent = "fabric";
-    } else {
-        vlan = static_cast<std::uint16_t>(dynamic_cast<const SubInterface&>(intf).encapVlan());
-        parent = kernelIntfName(parentIntfOfSubIntf(intf.name()));
+    if (!plan_) {
+        // Only its VLAN devices are read here, which the chip's bring-up does not change.
+        plan_ = restorePlan(*config_, false, restoreGuards().valueRanges);
     }
+    // Where the plan makes no such device, nothing found by its name is the restore's.
+    const PlannedDevice* planned = plan_->deviceOf(
+        intf.name(), intf.netNsName().empty() ? std::string(DEFAULT_NS) : intf.netNsName());
+    if (planned == nullptr || planned->notMade != NotMade::no) {
+        return "the restore makes no device for " + intf.name();
+    }
+    const std::uint16_t vlan = planned->vlanId;
+    const std::string& parent = planned->parent;
     // The lower device is always in the default namespace: a VLAN device in a VRF names it
     // there, one still in the default namespace names it beside itself.
     const bool away = ns != NamespaceName(DEFAULT_NS);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "model/ChipFamily.h"
 #include "model/Config.h"
 #include "model/Interface.h"
 #include "util/EthIoctlUtil.h"
@@ -10,10 +11,6 @@
 #include <string>
 
 namespace Kestrune {
-
-// The MTU a VRF's routed port's device keeps in the default namespace: the largest frames,
-// whatever its copy inside the VRF carries.
-inline constexpr int vrfPortChipMtu = 10240;
 
 // Turns the VRFs of the restored configuration into network namespaces, one for each distinct
 // non-default `netNsName` of an interface, and later puts each VRF member's device into its

@@ -2,10 +2,10 @@
 
 #include "driver/NamespaceName.h"
 #include "model/SandConfig.h"
-#include "model/SandInterface.h"
 #include "model/SubInterface.h"
 #include "model/VlanInterface.h"
 #include "parser/StorePointer.h"
+#include "plan/RestorePlan.h"
 #include "util/KernelName.h"
 #include "util/Namespace.h"
 #include "util/Utils.h"
@@ -25,13 +25,10 @@ bool isLayer3(InterfaceType type) {
 
 // What the kernel takes as an Ethernet device's MTU: ETH_MIN_MTU, and ETH_MAX_MTU less the
 // Ethernet header for the chip's CPU devices (so the kernel caps TAP devices, which the
-// simulated chip's ports are); and the least a device keeps IPv6 with.
+// simulated chip's ports are).
 constexpr std::int32_t smallestMtu = 68;
 constexpr std::int32_t largestMtu = 65535 - 14;
-constexpr std::int32_t smallestIpv6Mtu = 1280;
-// The chip's CPU devices' MTU (fabric, and a port's device until the restore sets it): a VLAN
-// device over one takes no larger MTU.
-constexpr std::int32_t chipFrameSize = 9216;
+constexpr auto smallestIpv6Mtu = static_cast<std::int32_t>(ipv6MinimumMtu);
 
 // Where in the store the interface comes from: the first section that names it.
 std::string interfacePointer(const rapidjson::Document& store, const std::string& name) {
@@ -53,8 +50,9 @@ std::string interfacePointer(const rapidjson::Document& store, const std::string
 
 class Finder {
   public:
-    Finder(const rapidjson::Document& store, std::vector<StoreProblem>& problems)
-        : store_(store), problems_(problems) {}
+    Finder(const rapidjson::Document& store, const RestorePlan& plan,
+           std::vector<StoreProblem>& problems)
+        : store_(store), plan_(plan), problems_(problems) {}
 
     // What the switch as a whole refuses: a bridge MAC the kernel does not give the fabric
     // device (then nothing is made), and a Sand FAP the chip does not bring up.
@@ -85,7 +83,8 @@ class Finder {
 
     void check(const Interface& intf, const Config& config) {
         const std::string& name = intf.name();
-        if (kernelIntfName(name).empty()) {
+        const PlannedDevice* planned = plan_.firstOf(name);
+        if (planned != nullptr && planned->notMade == NotMade::kernelName) {
             add(interfacePointer(store_, name),
                 name + " is not a kernel device name: its device is not created",
                 Consequence::SkipsEntry);
@@ -107,42 +106,64 @@ class Finder {
     }
 
   private:
-    // Whether the platform makes the interface's device at all.
+    // Whether the restore makes the interface's device at all, as the plan has it.
     bool checkMade(const Interface& intf) {
         const std::string& name = intf.name();
+        const PlannedDevice* planned = plan_.firstOf(name);
+        if (planned == nullptr || planned->notMade == NotMade::no) {
+            return true;
+        }
         const InterfaceType type = intf.interfaceType();
-        if (sand_ != nullptr && (type == InterfaceType::SubIntf_ || type == InterfaceType::Lag_ ||
-                                 type == InterfaceType::LagRouted_)) {
-            add(interfacePointer(store_, name),
+        const std::string entry = interfacePointer(store_, name);
+        switch (planned->notMade) {
+        case NotMade::family:
+            add(entry,
                 "a Sand switch makes no kernel device for " +
                     std::string(type == InterfaceType::SubIntf_ ? "a subinterface"
                                                                 : "a Port-Channel") +
                     ": " + name + " is reported as not created",
                 Consequence::SkipsEntry);
-            return false;
-        }
-        if (const auto* port = dynamic_cast<const SandInterface*>(&intf); port && sand_) {
-            if (!sand_->sandFapConfig(port->deviceName())) {
-                add(pointerText({"SandTessaline", "interfaces", name, "deviceName"}),
-                    "no device \"" + port->deviceName() + "\" in the Sand section: " + name +
-                        " is not created",
-                    Consequence::SkipsEntry);
-                return false;
-            }
-        }
-        if (type == InterfaceType::SVI_ || type == InterfaceType::SubIntf_) {
-            const std::uint32_t vlan = type == InterfaceType::SVI_
-                                           ? dynamic_cast<const VlanInterface&>(intf).vlan()
+            break;
+        case NotMade::noFapDevice:
+            add(pointerText({"SandTessaline", "interfaces", name, "deviceName"}),
+                "no device \"" + planned->whyNot + "\" in the Sand section: " + name +
+                    " is not created",
+                Consequence::SkipsEntry);
+            break;
+        case NotMade::vlanIdRange: {
+            const bool svi = type == InterfaceType::SVI_;
+            const std::uint32_t vlan = svi ? dynamic_cast<const VlanInterface&>(intf).vlan()
                                            : dynamic_cast<const SubInterface&>(intf).encapVlan();
-            if (!isVlanId(vlan)) {
-                add(type == InterfaceType::SVI_
-                        ? pointerText({"Oku", "interfaces", name})
-                        : pointerText({"Vant", "subIntfNameToEncapVlanId", name}),
-                    vlanIdProblem(vlan) + ": " + name + " is not created", Consequence::SkipsEntry);
-                return false;
-            }
+            add(svi ? pointerText({"Oku", "interfaces", name})
+                    : pointerText({"Vant", "subIntfNameToEncapVlanId", name}),
+                vlanIdProblem(vlan) + ": " + name + " is not created", Consequence::SkipsEntry);
+            break;
         }
-        return true;
+        case NotMade::parentNotMade:
+            add(entry,
+                "its parent interface " + planned->whyNot +
+                    (plan_.firstOf(planned->whyNot) == nullptr ? " is not in the store"
+                                                               : " has no device") +
+                    ": " + name + " is not created",
+                Consequence::SkipsEntry);
+            break;
+        case NotMade::vlanTaken:
+            add(entry,
+                "VLAN " + std::to_string(planned->vlanId) + " on " + planned->parent + " is " +
+                    planned->whyNot + "'s already: " + name + " is not created",
+                Consequence::SkipsEntry);
+            break;
+        case NotMade::nameTaken:
+            add(entry,
+                "its kernel name " + planned->name + " is " + planned->whyNot +
+                    "'s already: " + name + " is not created",
+                Consequence::SkipsEntry);
+            break;
+        default: // the bridge MAC, said once for the switch; a name without a dot ends the
+                 // restore, and the parse says so
+            break;
+        }
+        return false;
     }
 
     // Where the store has the FAP: the entry of "devices" that holds its name.
@@ -191,7 +212,7 @@ class Finder {
         }
         const InterfaceType type = intf.interfaceType();
         if (type == InterfaceType::SVI_ || type == InterfaceType::SubIntf_) {
-            const std::int32_t lower = lowerMtu(intf, config);
+            const std::int32_t lower = lowerMtu(intf);
             if (mtu > lower) {
                 refused("is larger than the " + std::to_string(lower) +
                         " of the device it is a VLAN of");
@@ -235,15 +256,10 @@ class Finder {
         return parent == config.interface().end() ? nullptr : parent->second.get();
     }
 
-    // The MTU of the device a VLAN device is made over, when its own MTU is set: fabric for
-    // an SVI; for a subinterface its port's device, which has the port's MTU by then when the
-    // port is routed in the default namespace (the port comes first in the walk).
-    static std::int32_t lowerMtu(const Interface& intf, const Config& config) {
-        const Interface* port = portOf(intf, config);
-        return port != nullptr && routedInDefault(*port) && port->mtu() >= smallestMtu &&
-                       port->mtu() <= largestMtu
-                   ? port->mtu()
-                   : chipFrameSize;
+    // The MTU of the device a VLAN device is made over, when its own MTU is set.
+    std::int32_t lowerMtu(const Interface& intf) const {
+        const PlannedDevice* planned = plan_.firstOf(intf.name());
+        return static_cast<std::int32_t>(planned != nullptr ? planned->lowerMtu : chipDeviceMtu);
     }
 
     void add(std::string pointer, std::string message, Consequence consequence,
@@ -284,6 +300,7 @@ class Finder {
     }
 
     const rapidjson::Document& store_;
+    const RestorePlan& plan_;
     std::vector<StoreProblem>& problems_;
     const SandConfig* sand_ = nullptr;
 };
@@ -292,7 +309,9 @@ class Finder {
 
 std::vector<StoreProblem> modelProblemsOf(const Config& config, const rapidjson::Document& store) {
     std::vector<StoreProblem> problems;
-    Finder finder(store, problems);
+    // Check speaks of the command line's restore, which turns every guard on.
+    const RestorePlan plan = restorePlan(config, false, true);
+    Finder finder(store, plan, problems);
     finder.checkSwitch(config);
     for (const auto& [name, intf] : config.interface()) {
         finder.check(*intf, config);

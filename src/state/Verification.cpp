@@ -9,6 +9,7 @@
 #include "state/FilterRules.h"
 #include "state/KernelState.h"
 #include "util/Assert.h"
+#include "util/RestoreGuards.h"
 #include "util/Json.h"
 #include "util/Namespace.h"
 
@@ -60,7 +61,7 @@ Verification verification(const Config& config) {
     // the switch's.
     const Log::Capture notRecorded;
     Verification result;
-    const ExpectedState expected = expectedState(config, simulatedSwitch());
+    const ExpectedState expected = expectedState(config, simulatedSwitch(), restoreGuards().valueRanges);
     const std::vector<NamespaceState> kernel = kernelState();
     if (kernel.empty() || kernel.front().name != DEFAULT_NS) {
         result.problem = "cannot read the default network namespace over rtnetlink";

@@ -18,7 +18,7 @@ ExpectedState expectedOf(const std::string& example, bool simulated = false) {
                                                            "/examples/" + example + ".json");
     auto config = parser->parse();
     Trace::levelsIs(levels);
-    return expectedState(*config, simulated);
+    return expectedState(*config, simulated, true);
 }
 
 const ExpectedDevice* find(const ExpectedState& state, const std::string& ns,

@@ -27,6 +27,21 @@ def renamed(store, old, new):
     return store
 
 
+def with_interface(store, name, like, internal_vlan):
+    """The store with interface name added as a copy of interface like, in every section that
+    has like, with an internal VLAN of its own."""
+    store = copy.deepcopy(store)
+    for section, key in (("Oku", "interfaces"), ("Dorvel", "intfMtus"),
+                         ("Vant", "subIntfNameToEncapVlanId"), ("Vant", "intfNameToVlanId"),
+                         ("Tessaline", "interfaces")):
+        entries = store[section][key]
+        if like in entries:
+            entries[name] = copy.deepcopy(entries[like])
+    if name in store["Vant"]["intfNameToVlanId"]:
+        store["Vant"]["intfNameToVlanId"][name] = internal_vlan
+    return store
+
+
 def main():
     out = sys.argv[1]
     strata = generated("--ports", "8", "--lags", "1", "--members", "2", "--subintfs", "4",
@@ -72,6 +87,30 @@ def main():
     variant("port-below-ipv6-mtu-with-subinterface-of-mtu-0", strata,
             lambda s: (mtus(s)["Ethernet1/1"].update({"mtu": 1279}),
                        mtus(s)["Ethernet1/1.100"].update({"mtu": 0})))
+    # Subinterfaces whose parent has no device: not in the store, named in its kernel form,
+    # or a port whose own name holds a dot (the parent is what comes before the first dot).
+    stores["subinterface-parent-missing"] = with_interface(strata, "Ethernet1/99.5",
+                                                           "Port-Channel1.101", 1100)
+    stores["subinterface-lag-missing"] = with_interface(strata, "Port-Channel9.5",
+                                                        "Port-Channel1.101", 1100)
+    stores["subinterface-parent-kernel-form"] = with_interface(strata, "Ethernet1_3.200",
+                                                               "Port-Channel1.101", 1100)
+    dotted = renamed(strata, "Ethernet1/8", "Ethernet1/8.7")
+    dotted["Tessaline"]["interfaces"]["Ethernet1/8.7"] = dotted["Tessaline"]["interfaces"].pop(
+        "Ethernet1/8")
+    stores["port-with-a-dot-and-its-subinterface"] = with_interface(
+        dotted, "Ethernet1/8.7.5", "Port-Channel1.101", 1100)
+    # Two SVIs of one VLAN id: the second finds the id taken on fabric.
+    stores["svi-vlan-twice"] = with_interface(strata, "Vlan011", "Vlan11", 0)
+    # Two subinterfaces of one port with one encapsulation VLAN.
+    twice = with_interface(strata, "Port-Channel1.102", "Port-Channel1.101", 1100)
+    twice["Vant"]["subIntfNameToEncapVlanId"]["Port-Channel1.102"] = 101
+    stores["subinterface-vlan-twice"] = twice
+    # A VRF's routed port's device keeps the largest frames in the default namespace: its
+    # subinterface takes up to that, and no more.
+    for mtu in (9217, 10240, 10241):
+        variant(f"vrf-port-subinterface-mtu-{mtu}", strata,
+                lambda s, m=mtu: mtus(s)["Ethernet1/2.100"].update({"mtu": m}))
     variant("sand-numfaps-0", sand, lambda s: s["SandTessaline"]["devices"][0].update({"numFaps": 0}))
     variant("sand-numfaps-negative", sand,
             lambda s: s["SandTessaline"]["devices"][0].update({"numFaps": -1}))
