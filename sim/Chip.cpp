@@ -1,5 +1,6 @@
 #include "Chip.h"
 
+#include "model/ChipFamily.h"
 #include "platform/ChipDevice.h"
 #include "util/Trace.h"
 
@@ -20,7 +21,7 @@ std::uint32_t u32At(const unsigned char* record, std::size_t offset) {
 } // namespace
 
 Chip::Family Chip::familyOf(const std::string& platformType) {
-    return platformType == "Sand" ? Family::sand : Family::strata;
+    return platformType == sandPlatform ? Family::sand : Family::strata;
 }
 
 Chip::Family Chip::familyNamed(const std::string& name) {

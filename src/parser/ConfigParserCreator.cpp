@@ -1,6 +1,7 @@
 #include "parser/ConfigParserCreator.h"
 
 #include "log/Log.h"
+#include "model/ChipFamily.h"
 #include "parser/SandConfigParser.h"
 #include "parser/StoreFile.h"
 #include "parser/StrataConfigParser.h"
@@ -86,12 +87,12 @@ ConfigParser::Ptr ConfigParserCreator::createFromDocument(const rapidjson::Docum
 
     ConfigParser::Ptr parser;
     const std::string type = platformType->value.GetString();
-    if (type == "Strata") {
+    if (type == strataPlatform) {
         TRACE(3) << "create"
                  << " Creating strata config parser";
         parser = strataConfigParserFactory();
         parser->doCopyDocument(document);
-    } else if (type == "Sand") {
+    } else if (type == sandPlatform) {
         TRACE(3) << "create"
                  << " Creating sand config parser";
         parser = sandConfigParserFactory();

@@ -1,5 +1,6 @@
 #include "parser/SandConfigParser.h"
 
+#include "model/ChipFamily.h"
 #include "model/SandInterface.h"
 #include "parser/StoreValue.h"
 #include "util/Trace.h"
@@ -26,7 +27,7 @@ bool hasAll(const rapidjson::Value& object, const std::array<const char*, N>& ke
 Config::Ptr SandConfigParser::parse() {
     TRACE(0) << "parse";
     auto config = sandConfigFactory();
-    config->platformTypeIs("Sand");
+    config->platformTypeIs(std::string(sandPlatform));
     doExtractDriverParams(config);
     doExtractDeviceInfo(config);
     doExtractInterfaceInfo(config);

@@ -1,6 +1,7 @@
 #include "parser/SkippedEntries.h"
 
 #include "log/Log.h"
+#include "model/ChipFamily.h"
 #include "parser/ConfigParserCreator.h"
 #include "parser/ModelProblems.h"
 #include "parser/SandConfigParser.h"
@@ -163,7 +164,7 @@ void settleWithTheParser(std::vector<StoreProblem>& problems, const rapidjson::D
 std::vector<StoreProblem> skippedEntriesOf(const rapidjson::Document& store,
                                            const std::string& platformType) {
     ConfigParser::Ptr parser;
-    if (platformType == "Strata") {
+    if (platformType == strataPlatform) {
         parser = strataConfigParserFactory();
     } else {
         parser = sandConfigParserFactory();

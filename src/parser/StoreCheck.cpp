@@ -1,5 +1,6 @@
 #include "parser/StoreCheck.h"
 
+#include "model/ChipFamily.h"
 #include "parser/SkippedEntries.h"
 #include "parser/StoreFile.h"
 #include "parser/StorePointer.h"
@@ -193,7 +194,7 @@ class Checker {
             return false;
         }
         platformType_ = textOf(*type);
-        if (platformType_ != "Strata" && platformType_ != "Sand") {
+        if (ChipFamily family{}; !chipFamilyOf(platformType_, family)) {
             add(at + "/platformType", jsonText(*type) + " is neither \"Strata\" nor \"Sand\"",
                 Consequence::NoRestore);
             return false;

@@ -1,5 +1,6 @@
 #include "parser/StrataConfigParser.h"
 
+#include "model/ChipFamily.h"
 #include "model/StrataInterface.h"
 #include "parser/StoreValue.h"
 #include "util/Trace.h"
@@ -9,7 +10,7 @@ namespace Kestrune {
 Config::Ptr StrataConfigParser::parse() {
     TRACE(0) << "parse";
     auto config = strataConfigFactory();
-    config->platformTypeIs("Strata");
+    config->platformTypeIs(std::string(strataPlatform));
     doExtractDeviceInfo(config);
     doExtractInterfaceInfo(config);
     doExtractCommonSections(config);
