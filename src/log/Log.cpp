@@ -1,5 +1,7 @@
 #include "log/Log.h"
 
+#include "log/ProcessGuard.h"
+#include "util/EventSink.h"
 #include "util/RestoreGuards.h"
 #include "util/Trace.h"
 
@@ -11,6 +13,18 @@
 namespace Kestrune {
 
 namespace {
+
+// The utilities below the log record through it: installed as the program starts, as this
+// file is linked into every program that records.
+const bool sinkInstalled = [] {
+    EventSink sink;
+    sink.record = &Log::logEvent;
+    sink.lastEvent = &Log::lastEvent;
+    sink.storePending = &Log::doStorePending;
+    sink.stopOnSignals = &ProcessGuard::doStopOnSignals;
+    eventSinkIs(sink);
+    return true;
+}();
 
 std::string& configuredHistoryPath() {
     static auto* path = new std::string(Log::defaultHistoryPath);

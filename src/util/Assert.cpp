@@ -1,6 +1,6 @@
 #include "util/Assert.h"
 
-#include "log/Log.h"
+#include "util/EventSink.h"
 #include "util/RestoreGuards.h"
 #include "util/Stop.h"
 #include "util/Trace.h"
@@ -55,9 +55,10 @@ void assertionFailed(const char* condition, const char* file, int line) {
     const char* critical = stderrIsJournal() ? "<2>" : "";
     std::fprintf(stderr, "%sKestrune: assertion failed: %s (%s:%d)\n", critical, condition, file,
                  line);
-    if (restoreGuards().extraReports && !Log::lastEvent().empty()) {
+    const EventSink& sink = eventSink();
+    if (restoreGuards().extraReports && sink.lastEvent != nullptr && !sink.lastEvent().empty()) {
         std::fprintf(stderr, "%sKestrune: the restore ended after its last failure: %s\n", critical,
-                     Log::lastEvent().c_str());
+                     sink.lastEvent().c_str());
     }
     if (restoreGuards().extraReports && std::strstr(file, "rapidjson/")) {
         // The JSON library's own type checks fail only on a store of the wrong shape.
@@ -70,10 +71,12 @@ void assertionFailed(const char* condition, const char* file, int line) {
     doEndRunningCommand();
     try {
         if (restoreGuards().extraReports) {
-            Log::logEvent("Assertion", "assertion failed: " + std::string(condition) + " (" + file +
-                                           ":" + std::to_string(line) + ")");
+            recordEvent("Assertion", "assertion failed: " + std::string(condition) + " (" + file +
+                                         ":" + std::to_string(line) + ")");
         }
-        Log::doStorePending();
+        if (sink.storePending != nullptr) {
+            sink.storePending();
+        }
     } catch (const std::exception& e) {
         std::fprintf(stderr, "Kestrune: could not record the assertion: %s\n", e.what());
     }

@@ -1,6 +1,6 @@
 #include "util/Command.h"
 
-#include "log/Log.h"
+#include "util/EventSink.h"
 #include "util/RestoreGuards.h"
 #include "util/Stop.h"
 #include "util/Trace.h"
@@ -47,7 +47,7 @@ void killPastDeadline(const std::string& commandLine, pid_t pid, int timeoutMs) 
     const std::string text =
         commandLine + " killed after " + std::to_string(timeoutMs) + " ms: past its deadline";
     TRACE_EXTRA(0) << "runCommand " << text;
-    Log::logEvent("Command", text);
+    recordEvent("Command", text);
 }
 
 // The program's path: the word itself when it names a folder, else the first executable of

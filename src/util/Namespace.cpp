@@ -1,8 +1,8 @@
 #include "util/Namespace.h"
 
-#include "log/Log.h"
 #include "util/Assert.h"
 #include "util/Descriptor.h"
+#include "util/EventSink.h"
 #include "util/Netlink.h"
 #include "util/RestoreGuards.h"
 #include "util/Trace.h"
@@ -67,7 +67,7 @@ bool isPlantedLink(const char* operation, const std::string& path) {
     const std::string text = std::string(operation) + " " + path + " is a link; not followed";
     TRACE_EXTRA(0) << text;
     if (restoreGuards().extraReports) {
-        Log::logEvent("Namespace", text);
+        recordEvent("Namespace", text);
     }
     return true;
 }

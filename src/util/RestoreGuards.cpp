@@ -1,6 +1,6 @@
 #include "util/RestoreGuards.h"
 
-#include "log/ProcessGuard.h"
+#include "util/EventSink.h"
 
 namespace Kestrune {
 namespace {
@@ -30,8 +30,8 @@ RestoreGuards RestoreGuards::all() {
 
 void restoreGuardsIs(const RestoreGuards& guards) {
     current() = guards;
-    if (guards.stopGraceSeconds > 0) {
-        ProcessGuard::doStopOnSignals(guards.stopGraceSeconds);
+    if (guards.stopGraceSeconds > 0 && eventSink().stopOnSignals != nullptr) {
+        eventSink().stopOnSignals(guards.stopGraceSeconds);
     }
 }
 
