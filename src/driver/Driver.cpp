@@ -119,11 +119,21 @@ void Driver::doRaiseDescriptorLimit(std::size_t namespaces) {
 }
 
 void Driver::doCreateKernelInterfaces() {
+    doCreateKernelInterfaces([](const char*, const std::function<void()>& run) { run(); });
+}
+
+void Driver::doCreateKernelInterfaces(const StepRunner& around) {
     TRACE(3) << "doCreateKernelInterfaces";
-    createIntfsInDefaultNs();
-    moveIntfsToCorrectNs();
-    configureIntfsInNs();
-    configureIptablesRules();
+    const auto filterRules = [&] { around("filterRules", [this] { configureIptablesRules(); }); };
+    if (filterRulesFirst_) {
+        filterRules();
+    }
+    around("create", [this] { createIntfsInDefaultNs(); });
+    around("move", [this] { moveIntfsToCorrectNs(); });
+    around("configure", [this] { configureIntfsInNs(); });
+    if (!filterRulesFirst_) {
+        filterRules();
+    }
 }
 
 void Driver::createdWith(const Interface& intf, bool made) {

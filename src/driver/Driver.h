@@ -81,6 +81,10 @@ class Driver {
     void resumeIs(bool resume) { resume_ = resume; }
     RestoreOrder order() const { return order_; }
     void orderIs(RestoreOrder order) { order_ = order; }
+    // The filter rules restored before any device is made (their tools then run against no
+    // addresses, and no address is up unfiltered) instead of last, as the sequence has them.
+    bool filterRulesFirst() const { return filterRulesFirst_; }
+    void filterRulesFirstIs(bool first) { filterRulesFirst_ = first; }
 
     // Interfaces whose device was found in place, with the namespace it was found in.
     const std::map<std::string, std::string>& found() const { return found_; }
@@ -95,6 +99,10 @@ class Driver {
     // The restore: create every device in the default namespace, move the VRF members, give
     // them MTUs, addresses and the up flag, restore the filter rules.
     void doCreateKernelInterfaces();
+    // The same steps, each run by `around` under its name ("filterRules", "create", "move",
+    // "configure"), which calls the step it is given: the command line times them so.
+    using StepRunner = std::function<void(const char* step, const std::function<void()>& run)>;
+    void doCreateKernelInterfaces(const StepRunner& around);
 
     void createIntfsInDefaultNs();
     void moveIntfsToCorrectNs();
@@ -176,6 +184,7 @@ class Driver {
     ZelVrfCreate::Ptr vrfCreate_;
     bool resume_ = false;
     RestoreOrder order_ = RestoreOrder::library;
+    bool filterRulesFirst_ = false;
     std::map<std::string, std::string> found_;
     // What the restore makes, for a resume to compare what it finds with; made when first
     // asked.

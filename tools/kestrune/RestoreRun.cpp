@@ -80,20 +80,9 @@ void runPhases(RestoreReport& report, const Timed& timed,
     }
     report.started = driver != nullptr;
     if (report.started && report.initialized) {
-        // doCreateKernelInterfaces, one step at a time so that each is timed.
-        TRACE(3) << "doCreateKernelInterfaces";
-        const auto filterRules = [&] {
-            timed("filterRules", [&] { driver->configureIptablesRules(); });
-        };
-        if (choices.filterRulesFirst) {
-            filterRules();
-        }
-        timed("create", [&] { driver->createIntfsInDefaultNs(); });
-        timed("move", [&] { driver->moveIntfsToCorrectNs(); });
-        timed("configure", [&] { driver->configureIntfsInNs(); });
-        if (!choices.filterRulesFirst) {
-            filterRules();
-        }
+        driver->filterRulesFirstIs(choices.filterRulesFirst);
+        driver->doCreateKernelInterfaces(
+            [&](const char* step, const std::function<void()>& run) { timed(step, run); });
     }
 }
 
