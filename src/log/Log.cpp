@@ -16,7 +16,7 @@ namespace {
 
 // The utilities below the log record through it: installed as the program starts, as this
 // file is linked into every program that records.
-const bool sinkInstalled = [] {
+const bool sinkInstalled = []() noexcept {
     EventSink sink;
     sink.record = &Log::logEvent;
     sink.lastEvent = &Log::lastEvent;

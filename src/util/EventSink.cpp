@@ -10,7 +10,7 @@ EventSink& current() {
 
 } // namespace
 
-void eventSinkIs(const EventSink& sink) {
+void eventSinkIs(const EventSink& sink) noexcept {
     current() = sink;
 }
 

@@ -18,7 +18,7 @@ struct EventSink {
     void (*stopOnSignals)(unsigned graceSeconds) = nullptr;
 };
 
-void eventSinkIs(const EventSink& sink);
+void eventSinkIs(const EventSink& sink) noexcept;
 const EventSink& eventSink();
 
 // Records through the sink; nothing when none is installed.
