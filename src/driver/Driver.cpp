@@ -12,6 +12,7 @@
 #include "util/Utils.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <linux/if.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
@@ -261,14 +262,30 @@ int Driver::makeLayer3VlanDevice(const Interface& intf, std::string_view parent,
     if (target != NamespaceName(DEFAULT_NS) && sockFd_.count(target) != 0) {
         namespaceFd = namespaceFiles_.fdOf(target.text());
     }
-    const int mtu = presetMtu(intf.mtu());
+    // The library's order makes every VLAN device in the default namespace first, where a
+    // second device of a name fails, in whichever namespace the first one ended.
+    if (vlanNamesMade_.count(kernelName) != 0) {
+        return vlanDeviceRefused(parent, kernelName, vlan, DEFAULT_NS, -EEXIST);
+    }
+    const int mtu = presetVlanMtu(intf);
     const int made = makeVlanDevice(parent, kernelName, vlan, netlinkFd(DEFAULT_NS), DEFAULT_NS,
                                     namespaceFd, static_cast<unsigned>(mtu));
+    if (made == 0) {
+        vlanNamesMade_.insert(kernelName);
+    }
     if (made == 0 && namespaceFd >= 0) {
         madeIn = target;
         vrfCreate_->madeInPlaceIs(kernelName);
     }
     return made;
+}
+
+int Driver::presetVlanMtu(const Interface& intf) {
+    const PlannedDevice* planned = plan().firstOf(intf.name());
+    const int mtu = intf.mtu();
+    const bool taken = planned != nullptr && mtu >= smallestDeviceMtu && mtu <= largestDeviceMtu &&
+                       static_cast<std::uint32_t>(mtu) <= planned->lowerMtu;
+    return taken ? presetMtu(mtu) : static_cast<int>(chipDeviceMtu);
 }
 
 int Driver::presetMtu(int mtu) {

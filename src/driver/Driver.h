@@ -13,6 +13,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -140,6 +141,12 @@ class Driver {
     // The MTU the fast order may give a device before it first comes up: the MTU, or 0 (none)
     // for one below IPv6's minimum.
     static int presetMtu(int mtu);
+    // The MTU the fast order makes a VLAN device with: its own when the configure pass will
+    // take it, and where that pass will refuse it, the chip's, which the library's order makes
+    // every VLAN device with (as the device keeps what it was made with).
+    int presetVlanMtu(const Interface& intf);
+    // What the restore makes, as the plan has it; made when first asked.
+    const RestorePlan& plan();
 
   private:
     // The fast order's createVlanInterface: the device made in its VRF's namespace.
@@ -189,6 +196,8 @@ class Driver {
     // What the restore makes, for a resume to compare what it finds with; made when first
     // asked.
     std::optional<RestorePlan> plan_;
+    // The names of the VLAN devices the fast order made, in whichever namespace.
+    std::set<std::string> vlanNamesMade_;
     NamespaceFiles namespaceFiles_{"makeVlanDevice"};
 };
 

@@ -58,12 +58,8 @@ std::string Driver::takeOverProblem(const Interface& intf, const Netlink::LinkFa
         return "it is " + (facts.kind.empty() ? std::string("a plain") : "a " + facts.kind) +
                " device where a vlan device belongs";
     }
-    if (!plan_) {
-        // Only its VLAN devices are read here, which the chip's bring-up does not change.
-        plan_ = restorePlan(*config_, false, restoreGuards().valueRanges);
-    }
     // Where the plan makes no such device, nothing found by its name is the restore's.
-    const PlannedDevice* planned = plan_->deviceOf(
+    const PlannedDevice* planned = plan().deviceOf(
         intf.name(), intf.netNsName().empty() ? std::string(DEFAULT_NS) : intf.netNsName());
     if (planned == nullptr || planned->notMade != NotMade::no) {
         return "the restore makes no device for " + intf.name();
@@ -81,6 +77,14 @@ std::string Driver::takeOverProblem(const Interface& intf, const Netlink::LinkFa
                " where the restore makes VLAN " + std::to_string(vlan) + " on " + parent;
     }
     return {};
+}
+
+const RestorePlan& Driver::plan() {
+    if (!plan_) {
+        // Only its VLAN devices are read, which the chip's bring-up does not change.
+        plan_ = restorePlan(*config_, false, restoreGuards().valueRanges);
+    }
+    return *plan_;
 }
 
 bool Driver::takenOver(const Interface& intf) {

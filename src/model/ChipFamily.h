@@ -53,6 +53,11 @@ inline constexpr std::uint32_t chipDeviceMtu = 9216;
 // The MTU a VRF's routed port's device keeps in the default namespace: the largest frames,
 // whatever its copy inside the VRF carries.
 inline constexpr std::uint32_t vrfPortChipMtu = 10240;
+// The MTUs the kernel takes for an Ethernet device of the chip's and the VLAN devices over
+// them: ETH_MIN_MTU, and ETH_MAX_MTU less the Ethernet header (the kernel caps TAP devices,
+// which the simulated chip's ports are).
+inline constexpr std::int32_t smallestDeviceMtu = 68;
+inline constexpr std::int32_t largestDeviceMtu = 65535 - 14;
 // The least MTU a device keeps IPv6 with.
 inline constexpr std::uint32_t ipv6MinimumMtu = 1280;
 

@@ -23,11 +23,8 @@ bool isLayer3(InterfaceType type) {
            type == InterfaceType::RoutedPort_ || type == InterfaceType::LagRouted_;
 }
 
-// What the kernel takes as an Ethernet device's MTU: ETH_MIN_MTU, and ETH_MAX_MTU less the
-// Ethernet header for the chip's CPU devices (so the kernel caps TAP devices, which the
-// simulated chip's ports are).
-constexpr std::int32_t smallestMtu = 68;
-constexpr std::int32_t largestMtu = 65535 - 14;
+constexpr std::int32_t smallestMtu = smallestDeviceMtu;
+constexpr std::int32_t largestMtu = largestDeviceMtu;
 constexpr auto smallestIpv6Mtu = static_cast<std::int32_t>(ipv6MinimumMtu);
 
 // Where in the store the interface comes from: the first section that names it.

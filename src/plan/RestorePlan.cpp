@@ -18,11 +18,6 @@
 namespace Kestrune {
 namespace {
 
-// What the kernel takes as an Ethernet device's MTU: ETH_MIN_MTU, and ETH_MAX_MTU less the
-// Ethernet header for the chip's CPU devices (the kernel caps TAP devices, which the
-// simulated chip's ports are).
-constexpr std::int32_t smallestMtu = 68;
-constexpr std::int32_t largestMtu = 65535 - 14;
 // The kernel's VLAN ids stop below VLAN_VID_MASK.
 constexpr std::uint32_t kernelVlanIdEnd = 4095;
 
@@ -194,9 +189,10 @@ class Planner {
         } else if (ns == DEFAULT_NS) {
             configured(port, intf);
             plan_.devices.push_back(port);
-            routedMtu_[intf.name()] = intf.mtu() >= smallestMtu && intf.mtu() <= largestMtu
-                                          ? static_cast<std::uint32_t>(intf.mtu())
-                                          : chipDeviceMtu;
+            routedMtu_[intf.name()] =
+                intf.mtu() >= smallestDeviceMtu && intf.mtu() <= largestDeviceMtu
+                    ? static_cast<std::uint32_t>(intf.mtu())
+                    : chipDeviceMtu;
         } else {
             // Moving it gives the chip's device there the largest frames before its copy in
             // the VRF gets its own.

@@ -54,6 +54,13 @@ int makeVlanDevice(std::string_view parent, std::string_view name, int vlanId, i
     return result < 0 ? result : 0;
 }
 
+int vlanDeviceRefused(std::string_view parent, std::string_view name, int vlanId,
+                      std::string_view nsName, int error) {
+    TRACE_EXTRA(9) << "makeVlanDevice"
+                   << " " << name << " id " << vlanId << " on " << parent << " in " << nsName;
+    return failed("makeVlanDevice", name, "create", error);
+}
+
 int addRootPrioQdisc(std::string_view deviceName) {
     const int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
     if (fd < 0) {

@@ -12,6 +12,10 @@
 // it: the device is then made with its parent's.
 int makeVlanDevice(std::string_view parent, std::string_view name, int vlanId, int netlinkFd,
                    std::string_view nsName, int namespaceFd = -1, unsigned mtu = 0);
+// What makeVlanDevice says and returns when the kernel refuses the device with `error` (a
+// negative errno): for a caller that knows the kernel would, where it does not ask it.
+int vlanDeviceRefused(std::string_view parent, std::string_view name, int vlanId,
+                      std::string_view nsName, int error);
 // Installs a prio root qdisc (handle 1:, three bands, the default priority map) on a device of
 // the thread's namespace.
 int addRootPrioQdisc(std::string_view deviceName);

@@ -108,9 +108,16 @@ def main():
     stores["subinterface-vlan-twice"] = twice
     # A VRF's routed port's device keeps the largest frames in the default namespace: its
     # subinterface takes up to that, and no more.
-    for mtu in (9217, 10240, 10241):
+    for mtu in (-1, 9217, 10240, 10241, 65521, 65536, 2147483647):
         variant(f"vrf-port-subinterface-mtu-{mtu}", strata,
                 lambda s, m=mtu: mtus(s)["Ethernet1/2.100"].update({"mtu": m}))
+    # One kernel name (case is folded) for subinterfaces in two VRFs: the library's order makes
+    # both in the default namespace, where the second fails; the fast order must too.
+    folded = with_interface(strata, "Ethernet1/1.5a", "Ethernet1/1.100", 1100)
+    folded = with_interface(folded, "Ethernet1/1.5A", "Ethernet1/1.100", 1101)
+    folded["Vant"]["subIntfNameToEncapVlanId"].update({"Ethernet1/1.5a": 5, "Ethernet1/1.5A": 6})
+    folded["Oku"]["interfaces"]["Ethernet1/1.5A"]["vrf"] = "blue"
+    stores["kernel-name-twice-in-two-vrfs"] = folded
     variant("sand-numfaps-0", sand, lambda s: s["SandTessaline"]["devices"][0].update({"numFaps": 0}))
     variant("sand-numfaps-negative", sand,
             lambda s: s["SandTessaline"]["devices"][0].update({"numFaps": -1}))
