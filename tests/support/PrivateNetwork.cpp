@@ -86,7 +86,10 @@ std::string outputOf(const std::vector<std::string>& argv, int* status) {
         waitpid(pid, &waitStatus, 0);
     }
     if (status != nullptr) {
-        *status = error != 0 ? -1 : (WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : -1);
+        *status = error != 0                ? -1
+                  : WIFEXITED(waitStatus)   ? WEXITSTATUS(waitStatus)
+                  : WIFSIGNALED(waitStatus) ? 128 + WTERMSIG(waitStatus)
+                                            : -1;
     }
     return output;
 }

@@ -53,7 +53,8 @@ struct Link {
 std::optional<Link> linkOf(const std::string& name, const std::string& ns = "");
 // The names of the devices in the named namespace ("" for the thread's own).
 std::vector<std::string> linkNames(const std::string& ns = "");
-// Runs an argv without a shell and returns its standard output; the exit status to `status`.
+// Runs an argv without a shell and returns its standard output; the exit status to `status`
+// (128 + the signal for one a signal ended, as the shell says it).
 std::string outputOf(const std::vector<std::string>& argv, int* status = nullptr);
 // Runs an argv that must succeed (for setting up a test).
 void run(const std::vector<std::string>& argv);

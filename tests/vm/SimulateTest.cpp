@@ -1,3 +1,4 @@
+#include "OrderRun.h"
 #include "PrivateNetwork.h"
 #include "Scenario.h"
 #include "util/Json.h"
@@ -133,56 +134,6 @@ TEST_P(Simulate, TheSandExampleBringsUpPortsAndSvisAndReportsItsLagsAndSubinterf
 }
 
 INSTANTIATE_TEST_SUITE_P(FilterRules, Simulate, ::testing::Values("first", "last"));
-
-// A restore in one order: its trace at every level (each event is a level-9 line of it, and
-// a command's pid is blanked), its failures, and the kernel state it left: each namespace's
-// devices by name, without the operational state, which the kernel's link watch settles when
-// it gets to it. (A device made in its namespace gets its index there: the kernel lists a
-// namespace's devices in another order, which is all that differs.)
-struct OrderRun {
-    std::vector<std::string> trace;
-    std::vector<std::string> failures;
-    std::map<std::string, std::map<std::string, std::string>> kernel;
-    std::string order;
-    int status = -1;
-    int tcRuns = 0;
-
-    OrderRun(const std::string& store, const std::string& order) {
-        TempDir dir;
-        outputOf({KESTRUNE_CLI, "simulate", store, "--history", "", "--order", order, "--trace",
-                  "0-9", "--trace-file", dir.file("trace.txt"), "--report",
-                  dir.file("report.json")},
-                 &status);
-        static const std::regex pid(" pid [0-9]+");
-        for (const std::string& line : linesOf(dir.file("trace.txt"))) {
-            // The guards' line for each process started: the fast order starts no tc.
-            if (line.find("runCommand started /sbin/tc ") != std::string::npos) {
-                ++tcRuns;
-                continue;
-            }
-            trace.push_back(std::regex_replace(line, pid, " pid N"));
-        }
-        rapidjson::Document report;
-        const std::string text = contentOf(dir.file("report.json"));
-        if (report.Parse(text.c_str()).HasParseError()) {
-            ADD_FAILURE() << text;
-            return;
-        }
-        this->order = report["order"].GetString();
-        for (const auto& failure : report["failures"]["texts"].GetArray()) {
-            failures.emplace_back(failure.GetString());
-        }
-        for (auto& ns : report["kernel"].GetObject()) {
-            for (auto& device : ns.value.GetArray()) {
-                device.RemoveMember("operState");
-                rapidjson::StringBuffer buffer;
-                rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-                device.Accept(writer);
-                kernel[ns.name.GetString()][device["name"].GetString()] = buffer.GetString();
-            }
-        }
-    }
-};
 
 // The fast order makes VLAN devices in their namespaces and a Sand port's qdisc without tc:
 // nothing a caller sees may change with it. Both examples and a generated store with VLAN
