@@ -187,5 +187,31 @@ INSTANTIATE_TEST_SUITE_P(Stores, OrderIsNotSeen,
                                            "vrf-port-subinterface-mtu-2147483647",
                                            "kernel-name-twice-in-two-vrfs"));
 
+// A departure of the fast order, both ways: with tc unusable (a node nobody may run where
+// /sbin/tc is), the library's order fails each Sand port's qdisc, as the sequence does, and
+// the fast order, which runs no tc, makes every one.
+TEST(FastOrderDeparture, WithTcUnusableOnlyTheLibrarysOrderFailsTheSandPortsQdiscs) {
+    std::map<std::string, int> qdiscFailures;
+    for (const char* order : {"library", "fast"}) {
+        SCOPED_TRACE(order);
+        const TempDir dir;
+        int status = -1;
+        const std::string output = shellOutput(
+            "unshare -m sh -c 'mount --bind /dev/null /sbin/tc && exec " KESTRUNE_CLI
+            " simulate " KESTRUNE_SOURCE_DIR "/examples/sand.json --history \"\" --brief --order " +
+                std::string(order) + " --report " + dir.file("report.json") + "' 2>&1",
+            &status);
+        rapidjson::Document report;
+        ASSERT_FALSE(report.Parse(contentOf(dir.file("report.json")).c_str()).HasParseError())
+            << output;
+        for (const auto& failure : report["failures"]["texts"].GetArray()) {
+            const std::string text = failure.GetString();
+            qdiscFailures[order] += text.find("Failed to add prio qdisc") != std::string::npos;
+        }
+    }
+    EXPECT_GT(qdiscFailures["library"], 0);
+    EXPECT_EQ(qdiscFailures["fast"], 0);
+}
+
 } // namespace
 } // namespace Kestrune::Testing
