@@ -9,9 +9,9 @@
 #include "state/FilterRules.h"
 #include "state/KernelState.h"
 #include "util/Assert.h"
-#include "util/RestoreGuards.h"
 #include "util/Json.h"
 #include "util/Namespace.h"
+#include "util/RestoreGuards.h"
 
 namespace Kestrune {
 
@@ -61,7 +61,8 @@ Verification verification(const Config& config) {
     // the switch's.
     const Log::Capture notRecorded;
     Verification result;
-    const ExpectedState expected = expectedState(config, simulatedSwitch(), restoreGuards().valueRanges);
+    const ExpectedState expected =
+        expectedState(config, simulatedSwitch(), restoreGuards().valueRanges);
     const std::vector<NamespaceState> kernel = kernelState();
     if (kernel.empty() || kernel.front().name != DEFAULT_NS) {
         result.problem = "cannot read the default network namespace over rtnetlink";
