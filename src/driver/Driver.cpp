@@ -1,5 +1,6 @@
 #include "driver/Driver.h"
 
+#include "driver/CpuDevice.h"
 #include "log/Log.h"
 #include "model/VlanInterface.h"
 #include "util/Assert.h"
@@ -158,7 +159,7 @@ void Driver::createIntfsInDefaultNs() {
                 continue;
             }
             stopPoint();
-            if (resume_ && takenOver(*intf)) {
+            if (takeover_->takenOver(*this, *intf)) {
                 doFinishTakenOver(*intf, bridgeMac);
                 continue;
             }
@@ -184,10 +185,7 @@ void Driver::createIntfsInDefaultNs() {
                 }
                 break;
             case InterfaceType::SVI_:
-                createdWith(*intf, order_ == RestoreOrder::library
-                                       ? createVlanInterface(intf, netlinkFd(DEFAULT_NS),
-                                                             sockFd(DEFAULT_NS))
-                                       : createVlanInterfaceInPlace(intf));
+                createdWith(*intf, createSviDevice(intf));
                 break;
             default: // None, or a value past the last type
                 KESTRUNE_ASSERT(false);
@@ -203,7 +201,7 @@ bool Driver::createVlanInterface(const Interface* intf, int netlinkFd, int sockF
         });
 }
 
-bool Driver::createVlanInterfaceInPlace(const Interface* intf) {
+bool Driver::createSviDevice(const Interface* intf) {
     return createVlanInterfaceWith(
         intf, sockFd(DEFAULT_NS), [&](const std::string& k, std::uint16_t vlan, int& socket) {
             NamespaceName madeIn(DEFAULT_NS);
@@ -251,64 +249,36 @@ bool Driver::createVlanInterfaceWith(
 int Driver::makeLayer3VlanDevice(const Interface& intf, std::string_view parent,
                                  const std::string& kernelName, std::uint16_t vlan,
                                  NamespaceName& madeIn) {
-    madeIn = NamespaceName(DEFAULT_NS);
-    if (order_ == RestoreOrder::library) {
-        return makeVlanDevice(parent, kernelName, vlan, netlinkFd(DEFAULT_NS), DEFAULT_NS);
-    }
-    // Only a namespace doInit opened sockets in: configure reaches the device through them.
-    const NamespaceName target(intf.netNsName().empty() ? std::string(DEFAULT_NS)
-                                                        : intf.netNsName());
-    int namespaceFd = -1;
-    if (target != NamespaceName(DEFAULT_NS) && sockFd_.count(target) != 0) {
-        namespaceFd = namespaceFiles_.fdOf(target.text());
-    }
-    // The library's order makes every VLAN device in the default namespace first, where a
-    // second device of a name fails, in whichever namespace the first one ended.
-    if (vlanNamesMade_.count(kernelName) != 0) {
-        return vlanDeviceRefused(parent, kernelName, vlan, DEFAULT_NS, -EEXIST);
-    }
-    const int mtu = presetVlanMtu(intf);
-    const int made = makeVlanDevice(parent, kernelName, vlan, netlinkFd(DEFAULT_NS), DEFAULT_NS,
-                                    namespaceFd, static_cast<unsigned>(mtu));
-    if (made == 0) {
-        vlanNamesMade_.insert(kernelName);
-    }
-    if (made == 0 && namespaceFd >= 0) {
-        madeIn = target;
-        vrfCreate_->madeInPlaceIs(kernelName);
-    }
-    return made;
+    return placement_->vlanDeviceMade(*this, intf, parent, kernelName, vlan, madeIn);
 }
 
-int Driver::presetVlanMtu(const Interface& intf) {
-    const PlannedDevice* planned = plan().firstOf(intf.name());
-    const int mtu = intf.mtu();
-    const bool taken = planned != nullptr && mtu >= smallestDeviceMtu && mtu <= largestDeviceMtu &&
-                       static_cast<std::uint32_t>(mtu) <= planned->lowerMtu;
-    return taken ? presetMtu(mtu) : static_cast<int>(chipDeviceMtu);
+const RestorePlan& Driver::plan() {
+    if (!plan_) {
+        plan_ = restorePlan(*config_, false, restoreGuards().valueRanges);
+    }
+    return *plan_;
 }
 
-int Driver::presetMtu(int mtu) {
-    // A device that comes into being below IPv6's minimum never gets IPv6 at all, and the
-    // configure pass would find no IPv6 switches to set: such an MTU is left to that pass,
-    // which takes IPv6 off the device as the library's order does.
-    return mtu >= static_cast<int>(ipv6MinimumMtu) ? mtu : 0;
-}
-
-void Driver::presetChipDeviceMtu(const Interface& intf, const std::string& kernelName) const {
+void Driver::doFinishTakenOver(const Interface& intf, const std::string& bridgeMac) {
     const InterfaceType type = intf.interfaceType();
-    if (order_ != RestoreOrder::fast || intf.netNsName().empty() ||
-        (type != InterfaceType::RoutedPort_ && type != InterfaceType::LagRouted_)) {
+    if (type == InterfaceType::SubIntf_ || type == InterfaceType::SVI_) {
         return;
     }
-    const int mtu =
-        presetMtu(intf.netNsName() == DEFAULT_NS ? intf.mtu() : static_cast<int>(vrfPortChipMtu));
-    if (mtu > 0) {
-        ifreq request{};
-        kernelName.copy(request.ifr_name, IFNAMSIZ - 1);
-        request.ifr_mtu = mtu;
-        ioctl(sockFd(DEFAULT_NS), SIOCSIFMTU, &request);
+    // The restore that made it may have ended before its MAC, its up flag or its operational
+    // state: each is set again, as none changes a device that has it.
+    const std::string kernelName = kernelIntfName(intf.name());
+    placement_->chipDeviceMade(*this, intf, kernelName);
+    if (const std::string failure =
+            cpuDeviceUp(kernelName, bridgeMac, sockFd(DEFAULT_NS), netlinkFd(DEFAULT_NS));
+        !failure.empty()) {
+        TRACE(0) << failure;
+        eventIs(failure);
+        createdWith(intf, false);
     }
+}
+
+std::string Driver::chipDeviceCommand(const Interface&) const {
+    return {};
 }
 
 bool Driver::createL2Interface(const Interface*, const std::string&) {
@@ -333,10 +303,6 @@ bool Driver::createLagInterface(const Interface*, const std::string&) {
 
 void Driver::eventIs(const std::string& message) {
     Log::logEvent("Driver", message);
-}
-
-const char* restoreOrderName(RestoreOrder order) {
-    return order == RestoreOrder::fast ? "fast" : "library";
 }
 
 Driver::Ptr driverFactory(const Config::PtrConst& config) {

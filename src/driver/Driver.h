@@ -1,12 +1,15 @@
 #pragma once
 
 #include "driver/NamespaceName.h"
+#include "driver/Placement.h"
+#include "driver/Takeover.h"
 #include "driver/ZelVrfCreate.h"
 #include "model/Config.h"
 #include "model/Interface.h"
 #include "plan/RestorePlan.h"
 #include "util/Namespace.h"
 #include "util/Netlink.h"
+#include "util/Utils.h"
 
 #include <cstdint>
 #include <functional>
@@ -18,21 +21,6 @@
 #include <string_view>
 
 namespace Kestrune {
-
-// How the restore does its kernel work. Both orders give the same trace lines, events and final
-// kernel state; the fast one spends fewer kernel operations on the way.
-enum class RestoreOrder {
-    // The sequence's: every VLAN device made in the default namespace, then moved into its
-    // VRF's; a Sand port's prio qdisc installed by a tc process.
-    library,
-    // A VLAN device made inside its VRF's namespace with its MTU, so the move finds it there
-    // (a move costs the kernel a grace period; making it in place does not); a Sand port's
-    // prio qdisc installed over rtnetlink, as the tc process would.
-    fast,
-};
-
-// "library" or "fast".
-const char* restoreOrderName(RestoreOrder order);
 
 // The platform-independent half of the restore: the sockets of every namespace, the record of
 // which kernel devices were created, and the sequence that makes, places and configures them.
@@ -74,21 +62,23 @@ class Driver {
     void createdDelAll() { created_.clear(); }
     void createdNotify(const std::string&) {}
 
-    // Finishing a restore that was interrupted: a kernel device that exists already, where
-    // the restore would make it or where it would move it, is taken over instead of made;
-    // addresses already there are kept; the filter rules replace the tables they name
-    // instead of adding to them. Off by default: a plain restore does exactly its sequence.
-    bool resume() const { return resume_; }
-    void resumeIs(bool resume) { resume_ = resume; }
-    RestoreOrder order() const { return order_; }
-    void orderIs(RestoreOrder order) { order_ = order; }
+    // Finishing a restore that was interrupted (Takeover): off by default, as a plain restore
+    // does exactly its sequence.
+    bool resume() const { return takeover_->resumes(); }
+    void resumeIs(bool resume) { takeover_ = takeoverFor(resume); }
+    RestoreOrder order() const { return placement_->order(); }
+    void orderIs(RestoreOrder order) { placement_ = placementFor(order); }
+    const Placement& placement() const { return *placement_; }
     // The filter rules restored before any device is made (their tools then run against no
     // addresses, and no address is up unfiltered) instead of last, as the sequence has them.
     bool filterRulesFirst() const { return filterRulesFirst_; }
     void filterRulesFirstIs(bool first) { filterRulesFirst_ = first; }
 
     // Interfaces whose device was found in place, with the namespace it was found in.
-    const std::map<std::string, std::string>& found() const { return found_; }
+    const std::map<std::string, std::string>& found() const { return takeover_->found(); }
+    // What the restore makes, as the plan has it; made when first asked. Only its VLAN
+    // devices are read, which the chip's bring-up does not change.
+    const RestorePlan& plan();
 
     const ZelVrfCreate::Ptr& vrfCreate() const { return vrfCreate_; }
     void vrfCreateIs() { vrfCreate_ = zelVrfCreateFactory(); }
@@ -123,34 +113,20 @@ class Driver {
 
     static bool createVlanInterface(const Interface* intf, int netlinkFd, int sockFd);
     static void addIpAddresses(const Interface* intf, int netlinkFd);
+    static void addIpAddresses(const Interface* intf, int netlinkFd, AddressThere there);
     static void eventIs(const std::string& message);
 
   protected:
     // Makes the VLAN device `kernelName` of an SVI or subinterface on `parent`, a device of
-    // the default namespace: there in the library's order, inside its VRF's namespace with its
-    // MTU in the fast one. Returns 0 or the negative errno, and the namespace it is in.
+    // the default namespace, where the order places it. Returns 0 or the negative errno, and
+    // the namespace it is in.
     int makeLayer3VlanDevice(const Interface& intf, std::string_view parent,
                              const std::string& kernelName, std::uint16_t vlan,
                              NamespaceName& madeIn);
 
-    // The fast order: a routed port's or LAG's chip device, still down, gets the MTU it ends
-    // with in the default namespace (its VRF copy's largest frames, or its own), as an MTU
-    // changed on a device that is up walks the namespace's IPv6 routes; the steps that set it
-    // later find it set. Silent: those steps say what fails.
-    void presetChipDeviceMtu(const Interface& intf, const std::string& kernelName) const;
-    // The MTU the fast order may give a device before it first comes up: the MTU, or 0 (none)
-    // for one below IPv6's minimum.
-    static int presetMtu(int mtu);
-    // The MTU the fast order makes a VLAN device with: its own when the configure pass will
-    // take it, and where that pass will refuse it, the chip's, which the library's order makes
-    // every VLAN device with (as the device keeps what it was made with).
-    int presetVlanMtu(const Interface& intf);
-    // What the restore makes, as the plan has it; made when first asked.
-    const RestorePlan& plan();
-
   private:
-    // The fast order's createVlanInterface: the device made in its VRF's namespace.
-    bool createVlanInterfaceInPlace(const Interface* intf);
+    // An SVI's device, made where the order places it.
+    bool createSviDevice(const Interface* intf);
     // createVlanInterface's steps with the device made by `make`, which changes sockFd to a
     // socket of the namespace it made it in.
     static bool createVlanInterfaceWith(
@@ -163,24 +139,9 @@ class Driver {
     // the queues of the devices need, within the hard limit; with the descriptor guard, past
     // it too, ending the process with a recorded message saying how many when it cannot.
     void doRaiseDescriptorLimit(std::size_t namespaces);
-    // Resuming: true when the interface's device is there already and is what the restore
-    // would have made (takeOverProblem), and is now taken as created. A device of that name
-    // that is not is traced and recorded, and left to the creation, which then fails on it.
-    bool takenOver(const Interface& intf);
-    // Why the device found in `ns` is not the one the restore makes for intf: its kind, its
-    // lower device and VLAN id for a VLAN device, the chip's record of a chip device; "" when
-    // it is.
-    std::string takeOverProblem(const Interface& intf, const Netlink::LinkFacts& facts,
-                                const NamespaceName& ns);
-    // Whether the device is in the namespace, with what it is.
-    bool deviceFound(const NamespaceName& ns, const std::string& kernelName,
-                     Netlink::LinkFacts& facts);
     // Finishes a chip device taken over: its MTU, MAC, up flag and operational state, which
     // the restore that made it may not have reached.
     void doFinishTakenOver(const Interface& intf, const std::string& bridgeMac);
-    // Resuming: true when the device of an SVI or subinterface is in the namespace it would
-    // be moved to.
-    bool inPlace(const Interface& intf);
     // Interfaces that get a namespace and layer-3 settings: created, and not L2 or Lag.
     bool isPlacedLayer3(const Interface& intf) const;
 
@@ -189,16 +150,10 @@ class Driver {
     FdMap netlinkFd_;
     CreatedMap created_;
     ZelVrfCreate::Ptr vrfCreate_;
-    bool resume_ = false;
-    RestoreOrder order_ = RestoreOrder::library;
     bool filterRulesFirst_ = false;
-    std::map<std::string, std::string> found_;
-    // What the restore makes, for a resume to compare what it finds with; made when first
-    // asked.
+    std::unique_ptr<Placement> placement_ = placementFor(RestoreOrder::library);
+    std::unique_ptr<Takeover> takeover_ = takeoverFor(false);
     std::optional<RestorePlan> plan_;
-    // The names of the VLAN devices the fast order made, in whichever namespace.
-    std::set<std::string> vlanNamesMade_;
-    NamespaceFiles namespaceFiles_{"makeVlanDevice"};
 };
 
 Driver::Ptr driverFactory(const Config::PtrConst& config);

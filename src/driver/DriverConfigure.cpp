@@ -37,7 +37,7 @@ void Driver::moveIntfsToCorrectNs() {
         // its queue back, which its carrier needs.
         const bool moved = intf->interfaceType() == InterfaceType::SVI_ ||
                            intf->interfaceType() == InterfaceType::SubIntf_;
-        if (intf->netNsName() == DEFAULT_NS || (resume_ && moved && inPlace(*intf))) {
+        if (intf->netNsName() == DEFAULT_NS || (moved && takeover_->inPlace(*this, *intf))) {
             continue;
         }
         TRACE(3) << "moveIntfsToCorrectNs"
@@ -49,7 +49,6 @@ void Driver::moveIntfsToCorrectNs() {
 
 void Driver::configureIntfsInNs() {
     TRACE(3) << "configureIntfsInNs";
-    Netlink::addressReplaceIs(resume_);
     // Entering the namespace an interface's predecessor left the thread in would only cost
     // system calls, three per interface.
     NamespaceWalk walk;
@@ -75,7 +74,9 @@ void Driver::configureIntfsInNs() {
             sysIpv6Forwarding(kernelName.c_str(), 0);
         }
         configureMtu(intf, sockFd(ns));
-        addIpAddresses(intf, netlinkFd(ns));
+        addIpAddresses(intf, netlinkFd(ns),
+                       takeover_->replacesAddresses() ? AddressThere::replaced
+                                                      : AddressThere::refused);
         if (!setDevUp(kernelName.c_str(), sockFd(ns))) {
             TRACE(0) << "Unable to set devstat UP for " << kernelName;
             eventIs("Unable to set devstat UP for " + kernelName);
@@ -96,6 +97,10 @@ void Driver::configureMtu(const Interface* intf, int sockFd) const {
 }
 
 void Driver::addIpAddresses(const Interface* intf, int netlinkFd) {
+    addIpAddresses(intf, netlinkFd, AddressThere::refused);
+}
+
+void Driver::addIpAddresses(const Interface* intf, int netlinkFd, AddressThere there) {
     TRACE(3) << "addIpAddresses"
              << " " << intf->name();
     const std::string kernelName = kernelIntfName(intf->name());
@@ -106,13 +111,14 @@ void Driver::addIpAddresses(const Interface* intf, int netlinkFd) {
         }
     };
     if (!intf->primaryIpv4().empty()) {
-        added(intf->primaryIpv4(), ipAddrAdd(netlinkFd, kernelName, intf->primaryIpv4(), false));
+        added(intf->primaryIpv4(),
+              ipAddrAdd(netlinkFd, kernelName, intf->primaryIpv4(), false, there));
     }
     for (const auto& [address, flag] : intf->secondaryIpv4()) {
-        added(address, ipAddrAdd(netlinkFd, kernelName, address, true));
+        added(address, ipAddrAdd(netlinkFd, kernelName, address, true, there));
     }
     for (const auto& [address, flag] : intf->ipv6()) {
-        added(address, ip6AddrAdd(netlinkFd, kernelName, address));
+        added(address, ip6AddrAdd(netlinkFd, kernelName, address, there));
     }
 }
 
@@ -120,17 +126,15 @@ void Driver::configureIptablesRules() {
     TRACE(0) << "configureIptablesRules"
              << " Adding iptables rules";
     struct RestoreCommand {
-        const char* command;
+        std::string command;
         const std::string& rules;
     };
     static const std::string none;
     const IptablesConfig* iptables = config_->iptablesConfig().get();
-    // Resuming, the rules may be in force already: the saved tables replace what they hold
-    // instead of getting a second copy of every rule.
     const std::array<RestoreCommand, 2> restoreCmds{{
-        {resume_ ? "iptables-restore" : "iptables-restore -n",
+        {takeover_->filterRestoreCommand("iptables-restore"),
          iptables != nullptr ? iptables->iptables() : none},
-        {resume_ ? "ip6tables-restore" : "ip6tables-restore -n",
+        {takeover_->filterRestoreCommand("ip6tables-restore"),
          iptables != nullptr ? iptables->ip6tables() : none},
     }};
     for (const RestoreCommand& restore : restoreCmds) {
@@ -141,7 +145,7 @@ void Driver::configureIptablesRules() {
         if (!pipe.started()) {
             TRACE(0) << "void Kestrune::Driver::configureIptablesRules()"
                      << ": popen for cmd " << restore.command << " failed";
-            eventIs(std::string("popen for cmd ") + restore.command + " failed");
+            eventIs("popen for cmd " + restore.command + " failed");
             continue;
         }
         const std::size_t numBytesWritten = pipe.write(restore.rules);

@@ -42,26 +42,13 @@ bool SandDriver::createInterface(const Interface* intf, const std::string& mac, 
         !doFabIoctl(formatted("internalvlan %d %s", integer(port.internalVlan()), k.c_str()))) {
         return failed("Unable to set internalvlan for " + intf->name());
     }
-    presetChipDeviceMtu(*intf, k);
+    placement().chipDeviceMade(*this, *intf, k);
     if (const std::string failure = cpuDeviceUp(k, mac, sockFd(DEFAULT_NS), netlinkFd(DEFAULT_NS));
         !failure.empty()) {
         return failed(failure);
     }
     // tc's complaint about a qdisc already there is noise: only a tc that did not run fails.
-    // The fast order asks the kernel itself, as tc would, which costs no process: whatever
-    // the kernel answers counts as a tc that ran.
-    if (order() == RestoreOrder::fast) {
-        const int netlink = netlinkFd(DEFAULT_NS);
-        const int index = Netlink::linkIndex(netlink, k);
-        if (index > 0) {
-            Netlink::rootPrioQdiscAdd(netlink, index);
-        }
-        return true;
-    }
-    const int status =
-        runCommand(formatted("/sbin/tc qdisc add dev %s root handle 1: prio", k.c_str()),
-                   commandInherit, commandInherit, commandDiscard, commandNoTimeout);
-    if (status < 0) {
+    if (!placement().portQdiscAdded(*this, k)) {
         return failed("Failed to add prio qdisc for " + k);
     }
     return true;

@@ -54,7 +54,7 @@ bool StrataDriver::createInterface(const Interface* intf, const std::string& mac
     if (!doFabIoctl(command)) {
         return failed("Fab Ioctl wasn't successful " + command);
     }
-    presetChipDeviceMtu(*intf, k);
+    placement().chipDeviceMade(*this, *intf, k);
     if (const std::string failure = cpuDeviceUp(k, mac, sockFd(DEFAULT_NS), netlinkFd(DEFAULT_NS));
         !failure.empty()) {
         return failed(failure);

@@ -100,19 +100,12 @@ ifaddrmsg* addressHeader(nlmsghdr* header, std::uint8_t family, int ifIndex, int
 
 } // namespace
 
-namespace {
-bool replaceAddresses = false;
-}
-
-void addressReplaceIs(bool replace) {
-    replaceAddresses = replace;
-}
-
 int addressAdd(int fd, std::uint8_t family, int ifIndex, const void* address,
-               std::size_t addressSize, const void* peer, int prefixLength, std::uint8_t flags) {
+               std::size_t addressSize, const void* peer, int prefixLength, std::uint8_t flags,
+               bool replace) {
     alignas(nlmsghdr) std::array<char, bufferSize> buffer{};
-    nlmsghdr* header = requestHeader(
-        buffer.data(), RTM_NEWADDR, NLM_F_CREATE | (replaceAddresses ? NLM_F_REPLACE : NLM_F_EXCL));
+    nlmsghdr* header = requestHeader(buffer.data(), RTM_NEWADDR,
+                                     NLM_F_CREATE | (replace ? NLM_F_REPLACE : NLM_F_EXCL));
     addressHeader(header, family, ifIndex, prefixLength, flags);
     mnl_attr_put(header, IFA_LOCAL, addressSize, address);
     mnl_attr_put(header, IFA_ADDRESS, addressSize, peer != nullptr ? peer : address);
@@ -286,16 +279,18 @@ int traced(const char* operation, int result) {
 } // namespace
 
 int netlinkIpv4AddrAdd(int netlinkFd, int ifIndex, const in_addr* address, const in_addr* peer,
-                       int prefixLength, bool secondary) {
-    return traced("netlinkIpv4AddrAdd", Kestrune::Netlink::addressAdd(
-                                            netlinkFd, AF_INET, ifIndex, address, sizeof *address,
-                                            peer, prefixLength, secondary ? IFA_F_SECONDARY : 0));
+                       int prefixLength, bool secondary, bool replace) {
+    return traced("netlinkIpv4AddrAdd",
+                  Kestrune::Netlink::addressAdd(netlinkFd, AF_INET, ifIndex, address,
+                                                sizeof *address, peer, prefixLength,
+                                                secondary ? IFA_F_SECONDARY : 0, replace));
 }
 
-int netlinkIpv6AddrAdd(int netlinkFd, int ifIndex, const in6_addr* address, int prefixLength) {
-    return traced("netlinkIpv6AddrAdd",
-                  Kestrune::Netlink::addressAdd(netlinkFd, AF_INET6, ifIndex, address,
-                                                sizeof *address, nullptr, prefixLength, 0));
+int netlinkIpv6AddrAdd(int netlinkFd, int ifIndex, const in6_addr* address, int prefixLength,
+                       bool replace) {
+    return traced("netlinkIpv6AddrAdd", Kestrune::Netlink::addressAdd(
+                                            netlinkFd, AF_INET6, ifIndex, address, sizeof *address,
+                                            nullptr, prefixLength, 0, replace));
 }
 
 int linkOperStateSet(int netlinkFd, const char* deviceName, int sequence, int operState) {

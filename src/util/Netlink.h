@@ -11,11 +11,13 @@
 #include <string_view>
 
 // Adds an IPv4 address (scope 0) to an interface. `peer`, when given, is the address of the
-// other end of a point-to-point link. Non-zero on success.
+// other end of a point-to-point link. Non-zero on success. With `replace`, an address the
+// interface has already is replaced rather than refused (EEXIST).
 int netlinkIpv4AddrAdd(int netlinkFd, int ifIndex, const in_addr* address, const in_addr* peer,
-                       int prefixLength, bool secondary);
+                       int prefixLength, bool secondary, bool replace = false);
 // Adds an IPv6 address (scope 0) to an interface. Non-zero on success.
-int netlinkIpv6AddrAdd(int netlinkFd, int ifIndex, const in6_addr* address, int prefixLength);
+int netlinkIpv6AddrAdd(int netlinkFd, int ifIndex, const in6_addr* address, int prefixLength,
+                       bool replace = false);
 // Sets the operational state (IF_OPER_*) of the named link; `sequence` numbers the request.
 // Non-zero on success.
 int linkOperStateSet(int netlinkFd, const char* deviceName, int sequence, int operState);
@@ -33,12 +35,11 @@ int linkNamespaceIs(int netlinkFd, std::string_view deviceName, int namespaceFd)
 // which costs no move; given an MTU, it is made with it, which costs no MTU change.
 int vlanLinkAdd(int netlinkFd, std::string_view name, int parentIndex, std::uint16_t vlanId,
                 int namespaceFd = -1, unsigned mtu = 0);
-// Adds an address of the family (AF_INET, AF_INET6) to an interface, with scope 0.
-// Whether adding an address that is there already succeeds (it is replaced) rather than
-// failing with EEXIST: for finishing a restore that was interrupted.
-void addressReplaceIs(bool replace);
+// Adds an address of the family (AF_INET, AF_INET6) to an interface, with scope 0; with
+// `replace`, an address that is there already is replaced rather than refused with EEXIST.
 int addressAdd(int netlinkFd, std::uint8_t family, int ifIndex, const void* address,
-               std::size_t addressSize, const void* peer, int prefixLength, std::uint8_t flags);
+               std::size_t addressSize, const void* peer, int prefixLength, std::uint8_t flags,
+               bool replace = false);
 int operStateIs(int netlinkFd, std::string_view deviceName, std::uint32_t sequence,
                 std::uint8_t operState);
 // Installs a prio root qdisc with handle 1: and the kernel's default priority map.

@@ -214,25 +214,36 @@ unsigned addressToAdd(int netlinkFd, const char* operation, int family,
 
 bool ipAddrAdd(int netlinkFd, const std::string& deviceName, const std::string& address,
                bool secondary) {
+    return ipAddrAdd(netlinkFd, deviceName, address, secondary, AddressThere::refused);
+}
+
+bool ipAddrAdd(int netlinkFd, const std::string& deviceName, const std::string& address,
+               bool secondary, AddressThere there) {
     TRACE(3) << "ipAddrAdd"
              << " " << deviceName << " " << address;
     in_addr parsed{};
     int prefixLength = 0;
     const unsigned index =
         addressToAdd(netlinkFd, "ipAddrAdd", AF_INET, deviceName, address, &parsed, prefixLength);
-    return index != 0 && netlinkIpv4AddrAdd(netlinkFd, static_cast<int>(index), &parsed, nullptr,
-                                            prefixLength, secondary) != 0;
+    return index != 0 &&
+           netlinkIpv4AddrAdd(netlinkFd, static_cast<int>(index), &parsed, nullptr, prefixLength,
+                              secondary, there == AddressThere::replaced) != 0;
 }
 
 bool ip6AddrAdd(int netlinkFd, const std::string& deviceName, const std::string& address) {
+    return ip6AddrAdd(netlinkFd, deviceName, address, AddressThere::refused);
+}
+
+bool ip6AddrAdd(int netlinkFd, const std::string& deviceName, const std::string& address,
+                AddressThere there) {
     TRACE(3) << "ip6AddrAdd"
              << " " << deviceName << " " << address;
     in6_addr parsed{};
     int prefixLength = 0;
     const unsigned index =
         addressToAdd(netlinkFd, "ip6AddrAdd", AF_INET6, deviceName, address, &parsed, prefixLength);
-    return index != 0 &&
-           netlinkIpv6AddrAdd(netlinkFd, static_cast<int>(index), &parsed, prefixLength) != 0;
+    return index != 0 && netlinkIpv6AddrAdd(netlinkFd, static_cast<int>(index), &parsed,
+                                            prefixLength, there == AddressThere::replaced) != 0;
 }
 
 int setDeviceOperStatusUp(int netlinkFd, const std::string& deviceName) {

@@ -41,6 +41,13 @@ bool setMtu(const char* deviceName, unsigned mtu, int socketFd);
 bool ipAddrAdd(int netlinkFd, const std::string& deviceName, const std::string& address,
                bool secondary);
 bool ip6AddrAdd(int netlinkFd, const std::string& deviceName, const std::string& address);
+// How an address the device has already is met: refused, as the calls above do, or replaced
+// (for a restore that finishes one interrupted).
+enum class AddressThere { refused, replaced };
+bool ipAddrAdd(int netlinkFd, const std::string& deviceName, const std::string& address,
+               bool secondary, AddressThere there);
+bool ip6AddrAdd(int netlinkFd, const std::string& deviceName, const std::string& address,
+                AddressThere there);
 // Non-zero when the device's operational state is now up.
 int setDeviceOperStatusUp(int netlinkFd, const std::string& deviceName);
 
