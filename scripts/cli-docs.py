@@ -76,11 +76,14 @@ def man_page(program, commands):
         lines += [".TP", "\\fB%s\\fR %s" % (roff(names), roff(value)), roff(about)]
     lines += [".SH EXIT STATUS",
               "0: the command did its work (\\fBrestore\\fR: every step succeeded; "
-              "\\fBverify\\fR: the kernel matches the store).",
+              "\\fBverify\\fR: the kernel matches the store; \\fBcompare\\fR: no phase is "
+              "slower than \\fB\\-\\-max\\-slower\\fR allows).",
               ".br", "1: it could not do all of it (\\fBrestore\\fR: done with failures; "
-              "\\fBverify\\fR: the kernel drifted); standard error says what and where.",
+              "\\fBverify\\fR: the kernel drifted; \\fBcompare\\fR: a phase is slower than "
+              "\\fB\\-\\-max\\-slower\\fR allows); standard error says what and where.",
               ".br", "2: a command line that is not understood (\\fBrestore\\fR: it could not "
-              "start; \\fBverify\\fR: the kernel or the store could not be read).",
+              "start; \\fBverify\\fR: the kernel or the store could not be read; "
+              "\\fBcompare\\fR: a report could not be read).",
               ".br", "128 + N: \\fBrestore\\fR was stopped by signal N (SIGTERM: 143).",
               ".SH ENVIRONMENT", ".TP", "ZEL_PSTORE_PATH",
               "The folder of zel\\-persistent\\-store.json when \\fB\\-\\-pstore\\-dir\\fR is not "

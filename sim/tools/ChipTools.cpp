@@ -110,6 +110,11 @@ int main(int argc, char** argv) {
             pause();
         }
     }
+    // A slow chip: "fab:300,schan:5" has each run of fab take 300 ms more, each schan 5.
+    const std::string slow = "," + environment("KESTRUNE_CHIP_TOOLS_SLOW", "");
+    if (const std::size_t at = slow.find("," + tool + ":"); at != std::string::npos) {
+        usleep(static_cast<useconds_t>(std::atoi(slow.c_str() + at + tool.size() + 2)) * 1000);
+    }
     if (tool == "fab") {
         return fab(words);
     }

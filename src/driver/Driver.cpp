@@ -161,6 +161,7 @@ void Driver::createIntfsInDefaultNs() {
             stopPoint();
             if (takeover_->takenOver(*this, *intf)) {
                 doFinishTakenOver(*intf, bridgeMac);
+                stepSeen("create", *intf);
                 continue;
             }
             switch (type) {
@@ -190,6 +191,7 @@ void Driver::createIntfsInDefaultNs() {
             default: // None, or a value past the last type
                 KESTRUNE_ASSERT(false);
             }
+            stepSeen("create", *intf);
         }
     }
 }

@@ -94,6 +94,10 @@ class Driver {
     // "configure"), which calls the step it is given: the command line times them so.
     using StepRunner = std::function<void(const char* step, const std::function<void()>& run)>;
     void doCreateKernelInterfaces(const StepRunner& around);
+    // Told as each interface is through a step ("create", "move", "configure"), whether it
+    // succeeded or not: the command line notes when, for its report. Unset, nothing is told.
+    using DeviceStepSeen = std::function<void(const char* step, const Interface& intf)>;
+    void deviceStepSeenIs(DeviceStepSeen seen) { deviceStepSeen_ = std::move(seen); }
 
     void createIntfsInDefaultNs();
     void moveIntfsToCorrectNs();
@@ -145,12 +149,20 @@ class Driver {
     // Interfaces that get a namespace and layer-3 settings: created, and not L2 or Lag.
     bool isPlacedLayer3(const Interface& intf) const;
 
+    // Tells deviceStepSeen_, when set.
+    void stepSeen(const char* step, const Interface& intf) const {
+        if (deviceStepSeen_) {
+            deviceStepSeen_(step, intf);
+        }
+    }
+
     Config::PtrConst config_;
     FdMap sockFd_;
     FdMap netlinkFd_;
     CreatedMap created_;
     ZelVrfCreate::Ptr vrfCreate_;
     bool filterRulesFirst_ = false;
+    DeviceStepSeen deviceStepSeen_;
     std::unique_ptr<Placement> placement_ = placementFor(RestoreOrder::library);
     std::unique_ptr<Takeover> takeover_ = takeoverFor(false);
     std::optional<RestorePlan> plan_;

@@ -44,6 +44,7 @@ void Driver::moveIntfsToCorrectNs() {
                  << " Moving " << name << " to " << intf->netNsName();
         KESTRUNE_ASSERT_TEXT(vrfCreate_->doMoveIntfToNetNs(intf.get(), sockFd(DEFAULT_NS)),
                              "vrfCreate()->doMoveIntfToNetNs(itr, sockFd(DEFAULT_NS)) == true");
+        stepSeen("move", *intf);
     }
 }
 
@@ -81,6 +82,7 @@ void Driver::configureIntfsInNs() {
             TRACE(0) << "Unable to set devstat UP for " << kernelName;
             eventIs("Unable to set devstat UP for " + kernelName);
         }
+        stepSeen("configure", *intf);
     }
     KESTRUNE_ASSERT_TEXT(switchToNs(DEFAULT_NS) == 0, "switchToNs(DEFAULT_NS) == 0");
     sysGlobalIpv6Forwarding(1);

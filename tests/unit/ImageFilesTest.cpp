@@ -105,7 +105,8 @@ TEST(ImageFiles, BashCompletesCommandsAndEachCommandsFlags) {
     };
     const Case cases[] = {
         {"kestrune re", "restore\n"},
-        {"kestrune \"\"", "restore simulate check show verify events --help --version\n"},
+        {"kestrune \"\"", "restore simulate check show verify events compare --help --version\n"},
+        {"kestrune compare --max", "--max-slower\n"},
         {"kestrune restore --no", "--no-history\n"},
         {"kestrune events --s", "--since\n"},
         {"kestrune --version events --l", "--limit\n"},

@@ -15,10 +15,10 @@ TEST(RestoreSummary, SaysWhatWasMadeHowLongEachPhaseTookAndEachFailureOnce) {
     report.initialized = true;
     report.platformType = "Strata";
     report.phasesMs = {{"parse", 0.31}, {"init", 3.66}, {"create", 5.8}, {"total", 9.77}};
-    report.interfaces = {{"Ethernet1", "et1", "RoutedPort", "ns-red", true, ""},
-                         {"Ethernet2", "et2", "RoutedPort", "default", true, ""},
-                         {"Ethernet3", "et3", "L2", "default", true, ""},
-                         {"Vlan10", "vlan10", "SVI", "default", false, ""}};
+    report.interfaces = {{"Ethernet1", "et1", "RoutedPort", "ns-red", true, "", {}},
+                         {"Ethernet2", "et2", "RoutedPort", "default", true, "", {}},
+                         {"Ethernet3", "et3", "L2", "default", true, "", {}},
+                         {"Vlan10", "vlan10", "SVI", "default", false, "", {}}};
     struct Case {
         const char* what;
         std::vector<std::string> failures;

@@ -38,12 +38,13 @@ double msSince(Clock::time_point start) {
 }
 
 using Timed = std::function<void(const char* phase, const std::function<void()>& work)>;
+using StepTimes = std::unordered_map<std::string, std::vector<std::pair<std::string, double>>>;
 
 // The caller's sequence, phase by phase; what it made is left in config and driver.
 void runPhases(RestoreReport& report, const Timed& timed,
                const std::function<ConfigParser::Ptr()>& parserOf,
                const std::function<void(const Config&)>& parsed, Config::Ptr& config,
-               Driver::Ptr& driver, const RestoreChoices& choices) {
+               Driver::Ptr& driver, const RestoreChoices& choices, StepTimes& steps) {
     // Once the store is parsed every event is a failure. The parser also records an event for
     // each subinterface it adds, so its findings stay notes: in the history and the trace,
     // not among the failures nor the journal's warnings. A store that cannot be read is a
@@ -81,6 +82,9 @@ void runPhases(RestoreReport& report, const Timed& timed,
     report.started = driver != nullptr;
     if (report.started && report.initialized) {
         driver->filterRulesFirstIs(choices.filterRulesFirst);
+        driver->deviceStepSeenIs([&steps](const char* step, const Interface& intf) {
+            steps[intf.name()].emplace_back(step, msSinceBoot());
+        });
         driver->doCreateKernelInterfaces(
             [&](const char* step, const std::function<void()>& run) { timed(step, run); });
     }
@@ -244,8 +248,9 @@ RestoreReport runRestore(const std::function<ConfigParser::Ptr()>& parserOf,
     report.phasesStartMs.emplace_back("total", msSinceBoot());
     Config::Ptr config;
     Driver::Ptr driver;
+    StepTimes steps;
     try {
-        runPhases(report, timed, parserOf, parsed, config, driver, choices);
+        runPhases(report, timed, parserOf, parsed, config, driver, choices, steps);
     } catch (const StopRequested& stop) {
         report.stoppedBy = stop.signal();
         ProcessGuard::doRecordStop(stop.signal());
@@ -260,9 +265,10 @@ RestoreReport runRestore(const std::function<ConfigParser::Ptr()>& parserOf,
                     foundIn = found->second;
                 }
             }
-            report.interfaces.push_back(
-                {name, kernelIntfName(name), std::string(stringValue(intf->interfaceType())),
-                 intf->netNsName(), driver && driver->created(name), foundIn});
+            report.interfaces.push_back({name, kernelIntfName(name),
+                                         std::string(stringValue(intf->interfaceType())),
+                                         intf->netNsName(), driver && driver->created(name),
+                                         foundIn, std::move(steps[name])});
         }
     }
     if (driver && choices.finished) {
@@ -318,6 +324,15 @@ RestoreReport::json(const std::vector<std::pair<std::string, std::string>>& extr
         if (resumed) {
             writer.Key("foundIn");
             intf.found.empty() ? writer.Null() : writer.String(intf.found);
+        }
+        if (!intf.stepsMs.empty()) {
+            writer.Key("stepsMsSinceBoot");
+            writer.StartObject();
+            for (const auto& [step, ms] : intf.stepsMs) {
+                writer.Key(step.c_str());
+                writer.Double(ms);
+            }
+            writer.EndObject();
         }
         writer.EndObject();
     }

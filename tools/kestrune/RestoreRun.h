@@ -7,6 +7,7 @@
 #include <CLI/CLI.hpp>
 #include <functional>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -21,6 +22,9 @@ struct RestoreReport {
         std::string ns;
         bool created = false;
         std::string found; // resuming: the namespace its device was found in, "" for none
+        // When its device was through each step it reached ("create", "move", "configure"),
+        // in milliseconds since boot, as the phases.
+        std::vector<std::pair<std::string, double>> stepsMs;
     };
     bool resumed = false;
     bool filterRulesFirst = false;

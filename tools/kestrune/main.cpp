@@ -1,5 +1,6 @@
 #include "CheckCommand.h"
 #include "CommonOptions.h"
+#include "CompareCommand.h"
 #include "EventsCommand.h"
 #include "RestoreCommand.h"
 #include "ShowCommand.h"
@@ -30,6 +31,7 @@ int main(int argc, char** argv) {
     Kestrune::Cli::addShowCommand(app, status);
     Kestrune::Cli::addVerifyCommand(app, status);
     Kestrune::Cli::addEventsCommand(app, status);
+    Kestrune::Cli::addCompareCommand(app, status);
 
     Kestrune::Cli::plainValueNames(app);
     // A mistyped command is named, with the nearest one, before the parser says only that a
