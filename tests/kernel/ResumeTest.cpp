@@ -208,6 +208,8 @@ TEST_F(Resume, ASecondRestoreRefusesWhileOneRuns) {
     waitpid(holder, nullptr, 0);
     EXPECT_EQ(result.exitCode, 2);
     EXPECT_TRUE(result.traces.empty()) << "the second restore started: " << result.traces[0];
+    // The state is the running restore's: the refused one does not say it is its own.
+    EXPECT_FALSE(std::filesystem::exists("/run/kestrune/state.json"));
     RestoreLock after;
     EXPECT_TRUE(after.doTake()) << "the lock outlived its holder: " << after.error();
 }

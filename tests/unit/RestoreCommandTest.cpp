@@ -68,14 +68,19 @@ TEST(RestoreCommand, ARestoreThatCannotStartExitsWithTwoAndSaysWhy) {
             dir.write("zel-persistent-store.json", c.store);
         }
         int status = 0;
-        const std::string output =
-            shellOutput(cli + " restore --history '' --pstore-dir " + dir.path().string() +
-                            " --report " + dir.file("report.json") + " 2>&1",
-                        &status);
+        const std::string output = shellOutput(
+            cli + " restore --history '' --pstore-dir " + dir.path().string() + " --report " +
+                dir.file("report.json") + " --state " + dir.file("state.json") + " 2>&1",
+            &status);
         EXPECT_EQ(status, 2) << c.what << ": " << output;
         EXPECT_NE(output.find("kestrune restore: could not start"), std::string::npos) << c.what;
         const std::string report = shellOutput("cat " + dir.file("report.json"), &status);
         EXPECT_NE(report.find("\"ok\": false"), std::string::npos) << c.what << ": " << report;
+        // Others asking whether the restore is done hear that it failed, in this boot.
+        const std::string state =
+            shellOutput(cli + " status --state " + dir.file("state.json"), &status);
+        EXPECT_EQ(status, 1) << c.what << ": " << state;
+        EXPECT_EQ(state.rfind("Restore: failed\n", 0), 0U) << c.what << ": " << state;
     }
 }
 

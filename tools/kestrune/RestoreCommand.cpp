@@ -2,6 +2,7 @@
 
 #include "CommonOptions.h"
 #include "RestoreRun.h"
+#include "RestoreState.h"
 #include "log/Log.h"
 #include "parser/ConfigParserCreator.h"
 #include "state/QueueHolder.h"
@@ -23,6 +24,7 @@ struct RestoreOptions {
     PstoreDirOption pstoreDir;
     std::string report;
     std::string metrics;
+    std::string state = defaultStatePath;
     bool resume = false;
     CommonOptions common;
     RestoreGuardOptions guard;
@@ -41,6 +43,12 @@ void addRestoreCommand(CLI::App& app, int& status) {
                         "Write the restore's result, failures, each phase's duration and when it "
                         "ended (seconds since boot) for node-exporter's textfile collector, "
                         "replacing the file whole; '' for none");
+    command
+        ->add_option("--state", options->state,
+                     "Keep the restore's state here for others to read (kestrune status): "
+                     "\"running\" from its start, then \"done\", \"failed\" or \"stopped\", "
+                     "with this boot's id; '' for none")
+        ->capture_default_str();
     command->add_flag("--resume", options->resume,
                       "Finish a restore that was interrupted: devices already there are taken over "
                       "and configured, addresses already there kept, and the filter rules replace "
@@ -57,20 +65,34 @@ void addRestoreCommand(CLI::App& app, int& status) {
         }
         options->guard.apply();
         options->pstoreDir.apply();
+        const RestoreState started = RestoreState::started();
+        if (!options->state.empty()) {
+            restoreStateWritten(options->state, started);
+        }
         // The devices a previous restore made are taken over, which its holder would refuse.
         std::string problem;
         if (!QueueHolder::doEndPrevious(problem)) {
             std::cerr << "kestrune restore: " << problem << "\n";
             Log::logEvent("QueueHolder", problem);
         }
-        RestoreChoices choices{
-            options->resume, options->guard.filterRulesFirst(), options->guard.restoreOrder(), {}};
+        RestoreChoices choices{options->resume,
+                               options->guard.filterRulesFirst(),
+                               options->guard.restoreOrder(),
+                               {},
+                               {}};
         choices.finished = [](const Driver& driver) { QueueHolder::doHandOff(driver); };
+        choices.progress = [](const char* phase, std::size_t done, std::size_t of) {
+            serviceStatusIs(progressLine(phase, done, of));
+        };
         const RestoreReport report =
             runRestore([] { return configParserCreatorFactory()->create(); }, {}, choices);
         const bool reported =
             (options->report.empty() || reportWritten(options->report, report.json())) &&
-            (options->metrics.empty() || fileReplaced(options->metrics, report.metrics()));
+            (options->metrics.empty() || fileReplaced(options->metrics, report.metrics())) &&
+            (options->state.empty() ||
+             restoreStateWritten(options->state,
+                                 RestoreState::ended(started, report, options->report)));
+        serviceStatusIs(statusLine(report));
         // In the journal the failures' summary is a notice: each failure is a warning already.
         std::istringstream summary(report.summary());
         bool failureLines = false;

@@ -82,8 +82,14 @@ void runPhases(RestoreReport& report, const Timed& timed,
     report.started = driver != nullptr;
     if (report.started && report.initialized) {
         driver->filterRulesFirstIs(choices.filterRulesFirst);
-        driver->deviceStepSeenIs([&steps](const char* step, const Interface& intf) {
+        const std::size_t interfaces = config->interface().size();
+        driver->deviceStepSeenIs([&steps, &choices, interfaces, created = std::size_t{0}](
+                                     const char* step, const Interface& intf) mutable {
             steps[intf.name()].emplace_back(step, msSinceBoot());
+            constexpr std::size_t every = 256;
+            if (choices.progress && std::strcmp(step, "create") == 0 && ++created % every == 0) {
+                choices.progress(step, created, interfaces);
+            }
         });
         driver->doCreateKernelInterfaces(
             [&](const char* step, const std::function<void()>& run) { timed(step, run); });
@@ -236,8 +242,11 @@ RestoreReport runRestore(const std::function<ConfigParser::Ptr()>& parserOf,
     report.order = choices.order;
     // Each phase ends with its events in the history, so a restore that dies in the next
     // one leaves at least these behind in the database (and the rest in its journal).
-    const auto timed = [&report](const char* phase, const std::function<void()>& work) {
+    const auto timed = [&report, &choices](const char* phase, const std::function<void()>& work) {
         report.phasesStartMs.emplace_back(phase, msSinceBoot());
+        if (choices.progress) {
+            choices.progress(phase, 0, 0);
+        }
         const auto start = Clock::now();
         stopPoint();
         work();

@@ -97,6 +97,9 @@ struct RestoreChoices {
     // Sees the driver once the restore is over, before it is released with what it holds
     // (the queues of the devices it made); its events are failures of the restore.
     std::function<void(const Driver&)> finished;
+    // Told as each phase begins (`done` and `of` 0) and as every 256th interface is created,
+    // with how many interfaces the store has: the boot service's status line.
+    std::function<void(const char* phase, std::size_t done, std::size_t of)> progress;
 };
 
 // The caller's sequence: parse, choose the driver, bring the chip up, then create, move,

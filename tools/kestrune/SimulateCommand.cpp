@@ -139,7 +139,7 @@ void addSimulateCommand(CLI::App& app, int& status) {
         mountDefaultNs();
         std::shared_ptr<Sim::ChipSimulator> simulator;
         RestoreChoices choices{
-            false, options->guard.filterRulesFirst(), options->guard.restoreOrder(), {}};
+            false, options->guard.filterRulesFirst(), options->guard.restoreOrder(), {}, {}};
         Config::PtrConst restored;
         std::vector<int> queues;
         choices.finished = [&restored, &queues](const Driver& driver) {

@@ -3,6 +3,7 @@
 #include "CompareCommand.h"
 #include "EventsCommand.h"
 #include "RestoreCommand.h"
+#include "RestoreState.h"
 #include "ShowCommand.h"
 #include "SimulateCommand.h"
 #include "VerifyCommand.h"
@@ -32,6 +33,7 @@ int main(int argc, char** argv) {
     Kestrune::Cli::addVerifyCommand(app, status);
     Kestrune::Cli::addEventsCommand(app, status);
     Kestrune::Cli::addCompareCommand(app, status);
+    Kestrune::Cli::addStatusCommand(app, status);
 
     Kestrune::Cli::plainValueNames(app);
     // A mistyped command is named, with the nearest one, before the parser says only that a
