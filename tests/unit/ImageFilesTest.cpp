@@ -16,7 +16,8 @@ using Testing::shellOutput;
 using Testing::TempDir;
 
 const std::string cli = KESTRUNE_CLI;
-const char* const commands[] = {"restore", "simulate", "check", "show", "events"};
+const char* const commands[] = {"restore", "simulate", "check", "show",
+                                "events",  "compare",  "status"};
 
 // Whether a program is on PATH. The 32-bit root has no man-db and no systemd: the files are
 // the same text on every architecture, and the 64-bit run checks them.
@@ -105,7 +106,8 @@ TEST(ImageFiles, BashCompletesCommandsAndEachCommandsFlags) {
     };
     const Case cases[] = {
         {"kestrune re", "restore\n"},
-        {"kestrune \"\"", "restore simulate check show verify events compare --help --version\n"},
+        {"kestrune \"\"",
+         "restore simulate check show verify events compare status --help --version\n"},
         {"kestrune compare --max", "--max-slower\n"},
         {"kestrune restore --no", "--no-history\n"},
         {"kestrune events --s", "--since\n"},

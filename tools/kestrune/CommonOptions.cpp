@@ -197,6 +197,11 @@ void plainValueNames(CLI::App& app) {
     // The default a value has stays shown: "=30" says what no flag means.
     static const std::map<std::string, std::string> names{
         {"FILE", ""}, // the positional's name says it
+        {"OLD", ""},
+        {"NEW", ""},
+        {"--state", "FILE"},
+        {"--max-slower", "PERCENT"},
+        {"--min-ms", "MS"},
         {"--pstore-dir", "DIR"},
         {"--report", "FILE"},
         {"--metrics", "FILE"},
