@@ -8,6 +8,7 @@ packages=(
     sqlite3 iproute2 iptables man-db systemd
     qemu-system-x86 cpio kmod busybox-static libfuse3-dev debootstrap
     debhelper lintian
+    librsvg2-bin libxml2-utils
 )
 
 install_packages() {

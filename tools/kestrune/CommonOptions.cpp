@@ -199,6 +199,8 @@ void plainValueNames(CLI::App& app) {
         {"FILE", ""}, // the positional's name says it
         {"OLD", ""},
         {"NEW", ""},
+        {"REPORT", ""},
+        {"--output", "FILE"},
         {"--state", "FILE"},
         {"--max-slower", "PERCENT"},
         {"--min-ms", "MS"},

@@ -6,6 +6,7 @@
 #include "RestoreState.h"
 #include "ShowCommand.h"
 #include "SimulateCommand.h"
+#include "TimelineCommand.h"
 #include "VerifyCommand.h"
 #include "log/ProcessGuard.h"
 #include "util/RestoreGuards.h"
@@ -34,6 +35,7 @@ int main(int argc, char** argv) {
     Kestrune::Cli::addEventsCommand(app, status);
     Kestrune::Cli::addCompareCommand(app, status);
     Kestrune::Cli::addStatusCommand(app, status);
+    Kestrune::Cli::addTimelineCommand(app, status);
 
     Kestrune::Cli::plainValueNames(app);
     // A mistyped command is named, with the nearest one, before the parser says only that a
