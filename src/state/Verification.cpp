@@ -76,22 +76,20 @@ Verification verification(const Config& config) {
     return result;
 }
 
-Verification verificationOfStore(const std::string& path) {
-    Verification result;
+Config::Ptr storeModel(const std::string& path, std::string& problem) {
     std::string bytes;
     std::string reason;
     if (StoreFile::doRead(path, bytes, reason) != StoreFile::Outcome::Read) {
-        result.problem = "cannot read the store: " + reason;
-        return result;
+        problem = "cannot read the store: " + reason;
+        return nullptr;
     }
-    for (const StoreProblem& problem : StoreCheck::problemsOf(bytes)) {
-        if (problem.consequence >= Consequence::NoRestore) {
-            result.problem = std::string(problem.consequence == Consequence::EndsProcess
-                                             ? "a restore of this store ends the process: "
-                                             : "this store gives no restore: ") +
-                             (problem.pointer.empty() ? "" : problem.pointer + ": ") +
-                             problem.message;
-            return result;
+    for (const StoreProblem& found : StoreCheck::problemsOf(bytes)) {
+        if (found.consequence >= Consequence::NoRestore) {
+            problem = std::string(found.consequence == Consequence::EndsProcess
+                                      ? "a restore of this store ends the process: "
+                                      : "this store gives no restore: ") +
+                      (found.pointer.empty() ? "" : found.pointer + ": ") + found.message;
+            return nullptr;
         }
     }
     rapidjson::Document document;
@@ -106,17 +104,19 @@ Verification verificationOfStore(const std::string& path) {
                 config = parser->parse();
             }
         } catch (const AssertionFailure& failure) {
-            result.problem =
-                std::string("a restore of this store ends the process: ") + failure.what();
+            problem = std::string("a restore of this store ends the process: ") + failure.what();
         }
     }
-    if (!config) {
-        if (result.problem.empty()) {
-            result.problem = "this store gives no restore";
-        }
-        return result;
+    if (!config && problem.empty()) {
+        problem = "this store gives no restore";
     }
-    return verification(*config);
+    return config;
+}
+
+Verification verificationOfStore(const std::string& path) {
+    Verification result;
+    const Config::Ptr config = storeModel(path, result.problem);
+    return config ? verification(*config) : result;
 }
 
 std::string Verification::json() const {

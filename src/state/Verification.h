@@ -36,4 +36,8 @@ Verification verification(const Config& config);
 // Reading the store records no events either.
 Verification verificationOfStore(const std::string& path);
 
+// The model of the store at path, read so: null, with why in `problem`, for a store that cannot
+// be read, gives no restore, or that a restore cannot survive.
+Config::Ptr storeModel(const std::string& path, std::string& problem);
+
 } // namespace Kestrune

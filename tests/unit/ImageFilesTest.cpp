@@ -16,8 +16,8 @@ using Testing::shellOutput;
 using Testing::TempDir;
 
 const std::string cli = KESTRUNE_CLI;
-const char* const commands[] = {"restore", "simulate", "check",  "show",
-                                "events",  "compare",  "status", "timeline"};
+const char* const commands[] = {"restore", "simulate", "check",  "show",    "events",
+                                "repair",  "compare",  "status", "timeline"};
 
 // Whether a program is on PATH. The 32-bit root has no man-db and no systemd: the files are
 // the same text on every architecture, and the 64-bit run checks them.
@@ -105,9 +105,10 @@ TEST(ImageFiles, BashCompletesCommandsAndEachCommandsFlags) {
         const char* offer;
     };
     const Case cases[] = {
-        {"kestrune re", "restore\n"},
-        {"kestrune \"\"",
-         "restore simulate check show verify events compare status timeline --help --version\n"},
+        {"kestrune res", "restore\n"},
+        {"kestrune re", "restore repair\n"},
+        {"kestrune \"\"", "restore simulate check show verify repair events compare status "
+                          "timeline --help --version\n"},
         {"kestrune compare --max", "--max-slower\n"},
         {"kestrune restore --no", "--no-history\n"},
         {"kestrune events --s", "--since\n"},

@@ -41,6 +41,8 @@ class KeptRestore {
 
     bool kept() const { return keeper_ > 0; }
     const rapidjson::Document& report() const { return report_; }
+    // A file of the test's own folder, which the sandbox sees too.
+    std::string file(const std::string& name) const { return dir_.file(name); }
 
     // Runs a shell command line inside the sandbox; its exit status.
     int inside(const std::string& command) const {
@@ -144,6 +146,76 @@ TEST(Verify, ReportsExactlyTheOneThingBrokenAfterARestore) {
         EXPECT_EQ(drift, c.drift);
         EXPECT_EQ(status, c.drift.empty() ? 0 : 1);
     }
+}
+
+// Everything verify found broken above, at once, beside what the store does not name: the dry
+// run changes nothing, and the repair puts back the store's part and leaves the rest.
+TEST(Repair, PutsBackWhatDriftedAndLeavesWhatTheStoreDoesNotName) {
+    const KeptRestore restore;
+    ASSERT_TRUE(restore.kept());
+    ASSERT_TRUE(restore.report()["verify"]["matches"].GetBool());
+    for (const char* drift : {
+             "ip -n ns-red link del vlan11",
+             "ip -n ns-blue link set vlan12 netns default",
+             "ip link set et1_7 mtu 1400",
+             "ip -n ns-blue addr del 10.1.2.1/24 dev et1_3",
+             "ip -n ns-red link set et1_2 down",
+             "iptables -F && ip6tables -F",
+             // Not the store's:
+             "ip addr add 192.0.2.1/24 dev vlan10",
+             "ip -n ns-red tuntap add foreign0 mode tap",
+             "iptables -A INPUT -s 198.51.100.9 -j DROP",
+         }) {
+        ASSERT_EQ(restore.inside(drift), 0) << drift;
+    }
+    const std::string dir = restore.file("");
+    // The kernel as the repair finds it: every namespace's devices (flags, MTU, MAC) and
+    // addresses, and the rules, without what changes by itself (counters, DAD's flags).
+    const std::string stateNow =
+        "{ for ns in default ns-blue ns-red; do "
+        "ip -n $ns -o link | sed -E 's/^[0-9]+: //; s/ state [A-Z]+//'; "
+        "ip -n $ns -o addr | awk '{print $2, $3, $4}'; done | sort; "
+        "iptables-save; ip6tables-save; } | grep -v '^#' | sed 's/\\[[0-9]*:[0-9]*\\]//' >";
+    ASSERT_EQ(restore.inside(stateNow + dir + "before.txt"), 0);
+    const std::string repair = "env SIMULATION_VMID=1 " + std::string(KESTRUNE_CLI) + " repair " +
+                               strataExample + " --history " + dir + "history.db";
+    const int dryRun = restore.inside(repair + " >" + dir + "dry.txt 2>/dev/null");
+    ASSERT_EQ(restore.inside(stateNow + dir + "after-dry.txt"), 0);
+    EXPECT_EQ(dryRun, 1);
+    EXPECT_EQ(contentOf(dir + "before.txt"), contentOf(dir + "after-dry.txt"))
+        << "the dry run changed the kernel";
+    const std::string steps = contentOf(dir + "dry.txt");
+    for (const char* step :
+         {"  do     ns-red vlan11: made as VLAN 11 on fabric\n",
+          "  do     ns-blue vlan12: moved back from default\n",
+          "  do     default et1_7: MTU 9000\n",
+          "  do     ns-blue et1_3: address 10.1.2.1/24 added\n", "  do     ns-red et1_2: up\n",
+          "  do     default iptables filter: rule -A INPUT -j CONTROL-PLANE put back\n",
+          "  left   default vlan10: address 192.0.2.1/24 (not the store's: left as it is)\n",
+          "  left   ns-red foreign0: device (not the store's: left as it is)\n",
+          "  left   default iptables filter: rule -A INPUT -s 198.51.100.9/32 -j DROP (not the "
+          "store's: left as it is)\n",
+          "nothing was changed"}) {
+        EXPECT_NE(steps.find(step), std::string::npos) << step << " in\n" << steps;
+    }
+
+    const int applied = restore.inside(repair + " --apply >" + dir + "applied.txt 2>/dev/null");
+    EXPECT_EQ(applied, 1) << contentOf(dir + "applied.txt");
+    EXPECT_EQ(contentOf(dir + "applied.txt").find("FAILED"), std::string::npos)
+        << contentOf(dir + "applied.txt");
+    const auto [status, drift] = restore.verified();
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(drift, (std::vector<Row>{
+                         {"default", "vlan10", "address", "-", "192.0.2.1/24"},
+                         {"default", "iptables filter", "rule", "-",
+                          "-A INPUT -s 198.51.100.9/32 -j DROP"},
+                     }));
+    EXPECT_EQ(restore.inside("ip -n ns-red link show foreign0 >/dev/null"), 0);
+    // What it did is in the switch's history.
+    EXPECT_EQ(restore.inside(std::string(KESTRUNE_CLI) + " events --history " + dir +
+                             "history.db | grep -q 'Put back vlan11 in ns-red: made as VLAN 11 on "
+                             "fabric'"),
+              0);
 }
 
 } // namespace

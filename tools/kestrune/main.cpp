@@ -2,6 +2,7 @@
 #include "CommonOptions.h"
 #include "CompareCommand.h"
 #include "EventsCommand.h"
+#include "RepairCommand.h"
 #include "RestoreCommand.h"
 #include "RestoreState.h"
 #include "ShowCommand.h"
@@ -32,6 +33,7 @@ int main(int argc, char** argv) {
     Kestrune::Cli::addCheckCommand(app, status);
     Kestrune::Cli::addShowCommand(app, status);
     Kestrune::Cli::addVerifyCommand(app, status);
+    Kestrune::Cli::addRepairCommand(app, status);
     Kestrune::Cli::addEventsCommand(app, status);
     Kestrune::Cli::addCompareCommand(app, status);
     Kestrune::Cli::addStatusCommand(app, status);
