@@ -17,27 +17,17 @@ namespace {
 
 constexpr std::size_t slowestShown = 10;
 
-std::map<std::string, std::size_t> counted(const std::vector<std::string>& texts) {
-    std::map<std::string, std::size_t> counts;
-    for (const std::string& text : texts) {
-        ++counts[text];
+// What `from` has more of than `than`, each text once, in the order `from` first has it.
+TextCounts more(const std::vector<std::string>& from, const std::vector<std::string>& than) {
+    std::map<std::string, std::size_t> before;
+    for (const auto& [text, count] : textCounts(than)) {
+        before[text] = count;
     }
-    return counts;
-}
-
-// What `from` has more of than `than`, in the order `order` first has each.
-std::vector<std::pair<std::string, std::size_t>>
-more(const std::vector<std::string>& order, std::map<std::string, std::size_t> from,
-     const std::map<std::string, std::size_t>& than) {
-    std::vector<std::pair<std::string, std::size_t>> result;
-    for (const std::string& text : order) {
-        std::size_t& count = from[text];
-        const auto other = than.find(text);
-        const std::size_t before = other == than.end() ? 0 : other->second;
-        if (count > before) {
-            result.emplace_back(text, count - before);
+    TextCounts result;
+    for (const auto& [text, count] : textCounts(from)) {
+        if (count > before[text]) {
+            result.emplace_back(text, count - before[text]);
         }
-        count = 0; // each text once
     }
     return result;
 }
@@ -169,10 +159,8 @@ ReportComparison reportsCompared(const ReportFile& before, const ReportFile& aft
         result.slower.resize(slowestShown);
     }
 
-    const auto oldCounts = counted(before.failures);
-    const auto newCounts = counted(after.failures);
-    result.came = more(after.failures, newCounts, oldCounts);
-    result.went = more(before.failures, oldCounts, newCounts);
+    result.came = more(after.failures, before.failures);
+    result.went = more(before.failures, after.failures);
 
     if (maxSlowerPercent >= 0) {
         for (const auto& phase : result.phases) {
@@ -269,20 +257,8 @@ std::string ReportComparison::json() const {
         writer.EndObject();
     }
     writer.EndArray();
-    for (const auto& [key, texts] :
-         {std::pair{"failuresCame", &came}, std::pair{"failuresWent", &went}}) {
-        writer.Key(key);
-        writer.StartArray();
-        for (const auto& [text, count] : *texts) {
-            writer.StartObject();
-            writer.Key("text");
-            writer.String(text);
-            writer.Key("times");
-            writer.Uint64(count);
-            writer.EndObject();
-        }
-        writer.EndArray();
-    }
+    textCountsWritten(writer, "failuresCame", came);
+    textCountsWritten(writer, "failuresWent", went);
     writer.Key("maxSlowerPercent");
     maxSlowerPercent < 0 ? writer.Null() : writer.Double(maxSlowerPercent);
     writer.Key("slowerThanAllowed");

@@ -30,8 +30,8 @@ struct ReportComparison {
     std::vector<DeviceClass> classes;
     std::vector<Device> slower; // the devices that got slower, the most first, at most ten
     // Distinct failure texts, with how many more (came) or fewer (went) times they happened.
-    std::vector<std::pair<std::string, std::size_t>> came;
-    std::vector<std::pair<std::string, std::size_t>> went;
+    TextCounts came;
+    TextCounts went;
     // With a gate: the phases ("total" included) slower by more than it.
     double maxSlowerPercent = -1;
     std::vector<std::string> overGate;

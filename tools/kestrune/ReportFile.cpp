@@ -58,6 +58,34 @@ void spentOf(ReportFile& report) {
 
 } // namespace
 
+TextCounts textCounts(const std::vector<std::string>& texts) {
+    std::map<std::string, std::size_t> seen;
+    TextCounts counts;
+    for (const std::string& text : texts) {
+        if (seen[text]++ == 0) {
+            counts.emplace_back(text, 0);
+        }
+    }
+    for (auto& [text, count] : counts) {
+        count = seen[text];
+    }
+    return counts;
+}
+
+void textCountsWritten(PrettyJsonWriter& writer, const char* key, const TextCounts& texts) {
+    writer.Key(key);
+    writer.StartArray();
+    for (const auto& [text, count] : texts) {
+        writer.StartObject();
+        writer.Key("text");
+        writer.String(text);
+        writer.Key("times");
+        writer.Uint64(count);
+        writer.EndObject();
+    }
+    writer.EndArray();
+}
+
 double ReportFile::Device::spentTotalMs() const {
     double total = 0;
     for (const auto& [step, ms] : spentMs) {

@@ -1,10 +1,18 @@
 #pragma once
 
+#include "util/Json.h"
+
 #include <string>
 #include <utility>
 #include <vector>
 
 namespace Kestrune::Cli {
+
+// Texts (failures) each once, in the order each first comes, with how many times.
+using TextCounts = std::vector<std::pair<std::string, std::size_t>>;
+TextCounts textCounts(const std::vector<std::string>& texts);
+// An array of {"text", "times"} objects under `key`.
+void textCountsWritten(PrettyJsonWriter& writer, const char* key, const TextCounts& texts);
 
 // A restore's report (`--report`) as `compare` and `timeline` read it back.
 struct ReportFile {

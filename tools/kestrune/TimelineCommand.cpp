@@ -141,15 +141,7 @@ Timeline timelineOf(const ReportFile& report) {
         }
         timeline.rows.push_back(std::move(classRow));
     }
-    std::map<std::string, std::size_t> seen;
-    for (const std::string& text : report.failures) {
-        if (seen[text]++ == 0) {
-            timeline.failures.emplace_back(text, 0);
-        }
-    }
-    for (auto& [text, count] : timeline.failures) {
-        count = seen[text];
-    }
+    timeline.failures = textCounts(report.failures);
     if (timeline.endMs <= timeline.startMs) {
         timeline.endMs = timeline.startMs + std::max(total, 1.0);
     }
@@ -332,17 +324,7 @@ std::string Timeline::json() const {
         writer.EndObject();
     }
     writer.EndArray();
-    writer.Key("failures");
-    writer.StartArray();
-    for (const auto& [text, count] : failures) {
-        writer.StartObject();
-        writer.Key("text");
-        writer.String(text);
-        writer.Key("times");
-        writer.Uint64(count);
-        writer.EndObject();
-    }
-    writer.EndArray();
+    textCountsWritten(writer, "failures", failures);
     writer.EndObject();
     return std::string(buffer.GetString(), buffer.GetSize()) + "\n";
 }

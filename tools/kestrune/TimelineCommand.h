@@ -35,7 +35,7 @@ struct Timeline {
     double endMs = 0;
     std::vector<Row> rows;
     std::vector<NotMade> notMade;
-    std::vector<std::pair<std::string, std::size_t>> failures; // each text once, with a count
+    TextCounts failures;
 
     std::string svg() const;
     std::string json() const;
