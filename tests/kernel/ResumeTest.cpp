@@ -227,7 +227,8 @@ TEST_F(Resume, ARestoreThatEndsMidwayLeavesTheFastOrdersPresetMtus) {
             waitpid(restoring, &status, 0);
             std::ofstream out(machine.file("mtus"));
             out << (WIFSIGNALED(status) ? strsignal(WTERMSIG(status)) : "no signal") << "\n";
-            for (const DeviceState& device : kernelState().front().devices) {
+            const std::vector<NamespaceState> kernel = kernelState();
+            for (const DeviceState& device : kernel.front().devices) {
                 if (device.name == "et1_1" || device.name == "et1_2") {
                     out << device.name << " " << device.mtu << "\n";
                 }
