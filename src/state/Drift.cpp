@@ -102,15 +102,14 @@ class DeviceCheck {
     std::vector<Drift>& drift_;
 };
 
-// A chain as the save tool declares it: "INPUT ACCEPT", "CONTROL-PLANE -".
+} // namespace
+
 std::string chainText(const std::string& chain, const std::string& policy) {
     std::string text = chain;
     text += ' ';
     text += policy;
     return text;
 }
-
-} // namespace
 
 std::vector<Drift> deviceDrift(const ExpectedState& expected,
                                const std::vector<NamespaceState>& kernel) {

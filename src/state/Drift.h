@@ -36,4 +36,7 @@ std::vector<Drift> ruleDrift(const RuleFamily& family,
 
 std::string driftTable(const std::vector<Drift>& drift);
 
+// A chain as the save tool declares it: "INPUT ACCEPT", "CONTROL-PLANE -".
+std::string chainText(const std::string& chain, const std::string& policy);
+
 } // namespace Kestrune

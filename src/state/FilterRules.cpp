@@ -117,12 +117,10 @@ std::map<std::string, RuleTable> ruleTablesOf(std::string_view saved) {
 
 std::optional<std::string> rulesInForce(const RuleFamily& family, std::string& problem) {
     std::optional<NamespaceVisit> visit;
-    if (defaultNamespaceNamed()) {
-        visit.emplace("verify", DEFAULT_NS);
-        if (!visit->entered()) {
-            problem = "cannot enter the default namespace";
-            return std::nullopt;
-        }
+    defaultNamespaceVisit(visit, "verify");
+    if (visit && !visit->entered()) {
+        problem = "cannot enter the default namespace";
+        return std::nullopt;
     }
     const MemoryFile out;
     const MemoryFile errors;

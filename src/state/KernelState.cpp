@@ -296,6 +296,12 @@ void nameParents(std::vector<NamespaceState>& state) {
 
 } // namespace
 
+void defaultNamespaceVisit(std::optional<NamespaceVisit>& visit, const char* operation) {
+    if (defaultNamespaceNamed()) {
+        visit.emplace(operation, DEFAULT_NS);
+    }
+}
+
 bool defaultNamespaceNamed() {
     std::error_code ignored;
     return std::filesystem::exists(namespacePath(DEFAULT_NS), ignored);

@@ -1,6 +1,9 @@
 #pragma once
 
+#include "util/Namespace.h"
+
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -43,6 +46,9 @@ std::vector<NamespaceState> kernelState();
 
 // Whether a restore has named the default namespace yet; before, it is this process's own.
 bool defaultNamespaceNamed();
+// Puts the thread into the default namespace for `visit`'s life when a restore has named it
+// (before, the thread is in it already); `operation` names the caller in a failure's trace.
+void defaultNamespaceVisit(std::optional<NamespaceVisit>& visit, const char* operation);
 
 std::string kernelStateJson(const std::vector<NamespaceState>& state);
 std::string kernelStateTable(const std::vector<NamespaceState>& state);

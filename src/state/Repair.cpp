@@ -9,17 +9,16 @@
 #include "state/ExpectedState.h"
 #include "state/FilterRules.h"
 #include "state/KernelState.h"
-#include "util/Command.h"
-#include "util/Json.h"
+#include "state/RepairAction.h"
 #include "util/Namespace.h"
 #include "util/NetDevice.h"
-#include "util/Netlink.h"
 #include "util/RestoreGuards.h"
 #include "util/Utils.h"
 
 #include <cerrno>
 #include <cstring>
 #include <functional>
+#include <linux/netlink.h>
 #include <map>
 #include <net/if.h>
 #include <optional>
@@ -31,30 +30,6 @@ namespace Kestrune {
 namespace {
 
 using Place = std::pair<std::string, std::string>; // namespace, device
-
-constexpr const char* notTheStores = "not the store's: left as it is";
-
-RepairStep stepOf(const std::string& ns, const std::string& device, std::string what) {
-    return {ns, device, std::move(what), false, "", false, ""};
-}
-
-RepairStep leftStep(const std::string& ns, const std::string& device, std::string what,
-                    std::string why) {
-    return {ns, device, std::move(what), true, std::move(why), false, ""};
-}
-
-std::string chainText(const std::string& chain, const std::string& policy) {
-    std::string text = chain;
-    text.append(" ").append(policy);
-    return text;
-}
-
-// A step and the work that takes it, run inside the step's namespace.
-struct Planned {
-    RepairStep step;
-    std::function<std::string()> take; // "" when it worked, else what failed
-    bool structural = false;           // it makes the device or puts it in its namespace
-};
 
 // Sockets of the namespace the thread is in, closed when done.
 struct Sockets {
@@ -89,7 +64,7 @@ class Planner {
         }
     }
 
-    std::vector<Planned> fromDrift(const std::vector<Drift>& drift) {
+    std::vector<RepairAction> fromDrift(const std::vector<Drift>& drift) {
         std::set<Place> remade;
         for (const Drift& d : drift) {
             if (d.item == "namespace") {
@@ -120,7 +95,7 @@ class Planner {
   private:
     void add(const std::string& ns, const std::string& device, std::string what,
              std::function<std::string()> take, bool structural = false) {
-        steps_.push_back({stepOf(ns, device, std::move(what)), std::move(take), structural});
+        steps_.push_back({repairStep(ns, device, std::move(what)), std::move(take), structural});
     }
     void leave(const std::string& ns, const std::string& device, std::string what,
                std::string why) {
@@ -165,9 +140,7 @@ class Planner {
                 NamespaceFiles files("repair");
                 const int namespaceFd = device.ns == DEFAULT_NS ? -1 : files.fdOf(device.ns);
                 std::optional<NamespaceVisit> visit;
-                if (defaultNamespaceNamed()) {
-                    visit.emplace("repair", DEFAULT_NS);
-                }
+                defaultNamespaceVisit(visit, "repair");
                 const Sockets sockets;
                 const int made =
                     makeVlanDevice(device.parent, device.name, device.vlanId, sockets.netlinkFd,
@@ -294,124 +267,28 @@ class Planner {
     const std::vector<NamespaceState>& kernel_;
     std::map<Place, const ExpectedDevice*> planned_;
     std::map<Place, const DeviceState*> found_;
-    std::vector<Planned> steps_;
+    std::vector<RepairAction> steps_;
 };
-
-// The rules the store names that are not in force, put back where the store has them; the
-// rules in force it does not name are listed and left.
-void rulesRepaired(const RuleFamily& family, const std::string& storedText,
-                   std::vector<Planned>& steps, std::string& problem) {
-    if (storedText.empty()) {
-        return;
-    }
-    const LoadedRules loaded = rulesAsLoaded(family, storedText);
-    if (loaded.outcome != LoadedRules::Outcome::loaded) {
-        if (loaded.outcome == LoadedRules::Outcome::failed) {
-            problem = loaded.problem;
-        }
-        return; // rejected rules: verify says so, and no repair can load them
-    }
-    const auto inForceText = rulesInForce(family, problem);
-    if (!inForceText) {
-        return;
-    }
-    const auto stored = ruleTablesOf(loaded.saved);
-    const auto inForce = ruleTablesOf(*inForceText);
-    for (const auto& [name, table] : stored) {
-        const auto found = inForce.find(name);
-        const RuleTable empty;
-        const RuleTable& actual = found == inForce.end() ? empty : found->second;
-        const std::string where = std::string(family.name) + " " + name;
-        std::string input;
-        std::vector<RepairStep> taken;
-        for (const auto& [chain, policy] : table.policies) {
-            const auto have = actual.policies.find(chain);
-            if (have == actual.policies.end() && policy == "-") {
-                input += ":" + chain + " - [0:0]\n";
-                taken.push_back(stepOf(std::string(DEFAULT_NS), where, "chain " + chain + " made"));
-            } else if (policy != "-" &&
-                       (have == actual.policies.end() ? "ACCEPT" : have->second) != policy) {
-                input.append(":").append(chain).append(" ").append(policy).append(" [0:0]\n");
-                taken.push_back(
-                    stepOf(std::string(DEFAULT_NS), where, "policy " + chainText(chain, policy)));
-            }
-        }
-        // Each missing rule goes where the store has it in its chain: in stored order, every
-        // rule before it is there by then.
-        std::map<std::string, std::size_t> left;
-        for (const std::string& rule : actual.rules) {
-            ++left[rule];
-        }
-        std::map<std::string, int> position;
-        for (const std::string& rule : table.rules) {
-            const std::size_t space = rule.find(' ', 3);
-            if (rule.rfind("-A ", 0) != 0 || space == std::string::npos) {
-                continue; // the save tool prints every rule as "-A CHAIN ..."
-            }
-            const std::string chain = rule.substr(3, space - 3);
-            const int at = ++position[chain];
-            if (left[rule] > 0) {
-                --left[rule];
-                continue;
-            }
-            input += "-I " + chain + " " + std::to_string(at) + rule.substr(space) + "\n";
-            taken.push_back(stepOf(std::string(DEFAULT_NS), where, "rule " + rule + " put back"));
-        }
-        std::size_t foreign = 0;
-        for (const auto& [rule, count] : left) {
-            for (std::size_t i = 0; i < count; ++i, ++foreign) {
-                steps.push_back(
-                    {leftStep(std::string(DEFAULT_NS), where, "rule " + rule, notTheStores), {}});
-            }
-        }
-        if (taken.empty()) {
-            if (foreign == 0 && table.rules != actual.rules) {
-                steps.push_back({leftStep(std::string(DEFAULT_NS), where, "rules in another order",
-                                          "a whole restore of the tables (kestrune restore "
-                                          "--resume) puts them in order"),
-                                 {}});
-            }
-            continue;
-        }
-        // The table's steps are taken by one run of the restore tool, without flushing.
-        std::string text = "*" + name + "\n";
-        text.append(input).append("COMMIT\n");
-        for (std::size_t i = 0; i < taken.size(); ++i) {
-            std::function<std::string()> take;
-            if (i == 0) {
-                take = [family, text] {
-                    std::optional<NamespaceVisit> visit;
-                    if (defaultNamespaceNamed()) {
-                        visit.emplace("repair", DEFAULT_NS);
-                    }
-                    CommandInput tool(std::string(family.restore) + " -n");
-                    if (!tool.started()) {
-                        return std::string("cannot run ") + family.restore;
-                    }
-                    tool.write(text);
-                    const int status = tool.close();
-                    return status == 0 ? std::string()
-                                       : std::string(family.restore) + " exited with " +
-                                             std::to_string(status);
-                };
-            } else {
-                take = [] { return std::string(); }; // taken with the first
-            }
-            steps.push_back({taken[i], take, false});
-        }
-    }
-}
 
 // The namespace a step is taken in: the default one when a restore named it, else this one.
 void visitFor(std::optional<NamespaceVisit>& visit, const std::string& ns) {
     if (ns != DEFAULT_NS) {
         visit.emplace("repair", ns);
-    } else if (defaultNamespaceNamed()) {
-        visit.emplace("repair", DEFAULT_NS);
+    } else {
+        defaultNamespaceVisit(visit, "repair");
     }
 }
 
 } // namespace
+
+RepairStep repairStep(const std::string& ns, const std::string& device, std::string what) {
+    return {ns, device, std::move(what), false, "", false, ""};
+}
+
+RepairStep leftStep(const std::string& ns, const std::string& device, std::string what,
+                    std::string why) {
+    return {ns, device, std::move(what), true, std::move(why), false, ""};
+}
 
 int Repair::exitStatus() const {
     if (!read) {
@@ -433,7 +310,7 @@ Repair repair(const Config& config, bool apply) {
     const ExpectedState expected =
         expectedState(config, simulatedSwitch(), restoreGuards().valueRanges);
     const std::vector<NamespaceState> kernel = kernelState();
-    std::vector<Planned> planned = Planner(expected, kernel).fromDrift(before.drift);
+    std::vector<RepairAction> planned = Planner(expected, kernel).fromDrift(before.drift);
     std::string problem;
     rulesRepaired(ipv4Rules, expected.iptables, planned, problem);
     rulesRepaired(ipv6Rules, expected.ip6tables, planned, problem);
@@ -445,7 +322,7 @@ Repair repair(const Config& config, bool apply) {
     if (apply) {
         // A device that could not be made or moved back gets none of its later steps.
         std::set<Place> notThere;
-        for (Planned& step : planned) {
+        for (RepairAction& step : planned) {
             if (step.step.left) {
                 continue;
             }
@@ -472,7 +349,7 @@ Repair repair(const Config& config, bool apply) {
         result.applied = true;
         result.after = verification(config);
     }
-    for (Planned& step : planned) {
+    for (RepairAction& step : planned) {
         result.steps.push_back(std::move(step.step));
     }
     return result;
@@ -482,81 +359,6 @@ Repair repairOfStore(const std::string& path, bool apply) {
     Repair result;
     const Config::Ptr config = storeModel(path, result.problem);
     return config ? repair(*config, apply) : result;
-}
-
-std::string Repair::text() const {
-    if (!read) {
-        return "The kernel could not be read: " + problem + "\n";
-    }
-    std::string out;
-    std::size_t toTake = 0;
-    for (const RepairStep& step : steps) {
-        toTake += step.left ? 0 : 1;
-        out += step.left ? "  left  "
-               : applied ? (step.done ? "  done  " : "  FAILED")
-                         : "  do    ";
-        out += " " + step.ns + " " + step.device + ": " + step.what;
-        if (step.left) {
-            out += " (" + step.why + ")";
-        } else if (applied && !step.done) {
-            out += ": " + step.failure;
-        }
-        out += "\n";
-    }
-    if (steps.empty()) {
-        return "Nothing to repair: the kernel matches the store.\n";
-    }
-    if (!applied) {
-        return out + std::to_string(toTake) + " step(s) would put back what drifted; nothing was " +
-               "changed (--apply takes them).\n";
-    }
-    return out + "Verified again: " + after.text();
-}
-
-std::string Repair::json() const {
-    rapidjson::StringBuffer buffer;
-    JsonWriter writer(buffer);
-    writer.StartObject();
-    writer.Key("applied");
-    writer.Bool(applied);
-    if (!read) {
-        writer.Key("error");
-        writer.String(problem.c_str());
-    }
-    writer.Key("steps");
-    writer.StartArray();
-    for (const RepairStep& step : steps) {
-        writer.StartObject();
-        writer.Key("namespace");
-        writer.String(step.ns);
-        writer.Key("device");
-        writer.String(step.device);
-        writer.Key("step");
-        writer.String(step.what);
-        writer.Key("left");
-        writer.Bool(step.left);
-        if (step.left) {
-            writer.Key("why");
-            writer.String(step.why);
-        } else if (applied) {
-            writer.Key("done");
-            writer.Bool(step.done);
-            if (!step.done) {
-                writer.Key("failure");
-                writer.String(step.failure);
-            }
-        }
-        writer.EndObject();
-    }
-    writer.EndArray();
-    if (applied) {
-        writer.Key("matchesAfter");
-        writer.Bool(after.read && after.drift.empty());
-        writer.Key("driftAfter");
-        writer.Uint64(after.drift.size());
-    }
-    writer.EndObject();
-    return buffer.GetString();
 }
 
 } // namespace Kestrune
