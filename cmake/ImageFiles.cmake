@@ -22,3 +22,11 @@ set(KESTRUNE_SYSTEMD_UNIT_DIR lib/systemd/system CACHE STRING "Where the boot se
 install(FILES ${PROJECT_BINARY_DIR}/kestrune-restore.service DESTINATION ${KESTRUNE_SYSTEMD_UNIT_DIR})
 install(FILES ${PROJECT_SOURCE_DIR}/service/kestrune.default
         DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/default RENAME kestrune)
+# What keeps an image's udev and systemd-networkd off the restored devices: they read both
+# folders, and Debian 12's own files are in /lib/systemd/network.
+set(KESTRUNE_SYSTEMD_NETWORK_DIR lib/systemd/network
+    CACHE STRING "Where the udev link policy and the networkd file are installed")
+install(FILES ${PROJECT_SOURCE_DIR}/service/kestrune.network
+        DESTINATION ${KESTRUNE_SYSTEMD_NETWORK_DIR} RENAME 10-kestrune.network)
+install(FILES ${PROJECT_SOURCE_DIR}/service/kestrune.link
+        DESTINATION ${KESTRUNE_SYSTEMD_NETWORK_DIR} RENAME 10-kestrune.link)

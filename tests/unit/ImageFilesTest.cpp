@@ -1,7 +1,13 @@
 // What an image installs around the CLI: the man page and the bash completion, both written
-// from the CLI's help, and the boot service.
+// from the CLI's help, the boot service, and the files that keep udev and networkd off the
+// restored devices.
 #include "Scenario.h"
+#include "parser/ConfigParserCreator.h"
+#include "plan/RestorePlan.h"
+#include "util/Trace.h"
 
+#include <algorithm>
+#include <fnmatch.h>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <regex>
@@ -179,6 +185,81 @@ TEST(ImageFiles, TheBootServiceStaysHardened) {
     EXPECT_NE(verdict.find("Overall exposure level for kestrune-restore.service: "),
               std::string::npos)
         << verdict;
+}
+
+// The globs of a systemd .network or .link file's [Match] line of that key.
+std::vector<std::string> matchGlobs(const std::string& file, const std::string& key) {
+    std::istringstream text(Testing::contentOf(KESTRUNE_SOURCE_DIR "/service/" + file));
+    std::vector<std::string> globs;
+    for (std::string line; std::getline(text, line);) {
+        if (line.starts_with(key + "=")) {
+            std::istringstream words(line.substr(key.size() + 1));
+            for (std::string glob; words >> glob;) {
+                globs.push_back(glob);
+            }
+        }
+    }
+    return globs;
+}
+
+bool matched(const std::vector<std::string>& globs, const std::string& name) {
+    return std::any_of(globs.begin(), globs.end(), [&name](const std::string& glob) {
+        return fnmatch(glob.c_str(), name.c_str(), 0) == 0;
+    });
+}
+
+// The kernel names of every device a restore of the store makes.
+std::vector<std::string> devicesMade(const std::string& store) {
+    const std::uint16_t levels = Trace::levels();
+    Trace::levelsIs(0);
+    const auto config = configParserCreatorFactory()->createFrom(store)->parse();
+    Trace::levelsIs(levels);
+    std::vector<std::string> names;
+    for (const PlannedDevice& device : restorePlan(*config, false, true).devices) {
+        if (device.notMade == NotMade::no) {
+            names.push_back(device.name);
+        }
+    }
+    return names;
+}
+
+// udev's link policy and networkd's file name the same devices: every one a restore makes of
+// the examples and of generated stores of both families (ports, Port-Channels, subinterfaces
+// of both, VLAN interfaces, the chip's "fabric"), and none of the links an image has of its
+// own. A device the globs missed would be the one whose addresses networkd drops.
+TEST(ImageFiles, UdevAndNetworkdLeaveAloneEveryDeviceTheRestoreMakesAndNoOther) {
+    const std::vector<std::string> globs = matchGlobs("kestrune.network", "Name");
+    ASSERT_FALSE(globs.empty());
+    EXPECT_EQ(matchGlobs("kestrune.link", "OriginalName"), globs);
+
+    const TempDir dir;
+    int status = -1;
+    shellOutput("python3 " KESTRUNE_SOURCE_DIR "/bench/generate-store.py --family strata "
+                "--ports 96 --lags 12 --subintfs 48 --svis 24 --vrfs 4 -o " +
+                    dir.file("strata.json") +
+                    " && python3 " KESTRUNE_SOURCE_DIR
+                    "/bench/generate-store.py --family sand --ports 96 --svis 24 --vrfs 4 -o " +
+                    dir.file("sand.json"),
+                &status);
+    ASSERT_EQ(status, 0);
+    std::set<std::string> kinds;
+    for (const std::string& store : {std::string(KESTRUNE_SOURCE_DIR "/examples/strata.json"),
+                                     std::string(KESTRUNE_SOURCE_DIR "/examples/sand.json"),
+                                     dir.file("strata.json"), dir.file("sand.json")}) {
+        const std::vector<std::string> names = devicesMade(store);
+        EXPECT_GT(names.size(), 10U) << store;
+        for (const std::string& name : names) {
+            EXPECT_TRUE(matched(globs, name)) << name << " of " << store;
+            kinds.insert(name.substr(0, 2) + (name.find('.') != std::string::npos ? "." : ""));
+        }
+    }
+    // Each kind of device was among them.
+    EXPECT_EQ(kinds, (std::set<std::string>{"et", "et.", "fa", "po", "po.", "vl"}));
+
+    for (const char* own : {"lo", "eth0", "eth0.100", "enp0s5", "ma1", "bond0", "br0", "docker0",
+                            "wlan0", "tap0", "veth1", "vxlan10", "eth10"}) {
+        EXPECT_FALSE(matched(globs, own)) << own;
+    }
 }
 
 } // namespace
