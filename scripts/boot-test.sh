@@ -6,13 +6,20 @@
 # booted under qemu with Debian's kernel and systemd as its first process. A unit of the
 # image's reads what the boot left behind (tests/boot/kestrune-boot-check) and powers the
 # guest off; this script says what it found. Root only.
-#   scripts/boot-test.sh [strata|sand|power-cut]...     (default: all three)
+# The same boot in an image that also runs the usual network services (systemd-udevd,
+# systemd-networkd with a catch-all .network, ifupdown's networking.service for a management
+# port, and the node exporter reading Kestrune's metrics) is strata-services and
+# sand-services; services-without-files is strata-services with Kestrune's udev and networkd
+# files taken out of the image, to show what they keep off (its checks are meant to fail).
+#   scripts/boot-test.sh [strata|sand|power-cut|strata-services|sand-services|
+#                         services-without-files]...
+#   (default: strata sand power-cut strata-services sand-services)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source=$PWD
 cache=${KESTRUNE_BOOT_CACHE:-/var/cache/kestrune-boot}
 families=("$@")
-[ ${#families[@]} -gt 0 ] || families=(strata sand power-cut)
+[ ${#families[@]} -gt 0 ] || families=(strata sand power-cut strata-services sand-services)
 fail() {
     echo "boot tier: FAILED: $*" >&2
     exit 1
@@ -28,13 +35,20 @@ scripts/deb.sh "$work/debs" >/dev/null
 # own dependencies must bring it.
 base=$cache/bookworm-systemd
 cachedRoot "$base" systemd,systemd-sysv,dbus
+# The same with the network services a switch image also runs (made once, when asked for).
+services=$cache/bookworm-services
+case " ${families[*]} " in
+*-services\ * | *\ services-*)
+    cachedRoot "$services" systemd,systemd-sysv,dbus,udev,ifupdown,prometheus-node-exporter,curl ;;
+esac
 
-# Installs the packages into a fresh view of the cached root at $work/RUN/root and sets it up
-# as an image builder would for the chip family, with the store given.
-prepareImage() {
+# Installs the packages into a fresh view of the cached root (BASE, or the bare one) at
+# $work/RUN/root and sets it up as an image builder would for the chip family, with the store
+# given.
+prepareImage() { # prepareImage RUN FAMILY STORE [BASE]
     local run=$work/$1 family=$2 store=$3
     local root=$run/root
-    rootView "$base" "$run"
+    rootView "${4:-$base}" "$run"
     attach proc proc "$root/proc"
     attach bind /dev "$root/dev"
     cp /etc/resolv.conf "$root/etc/resolv.conf"
@@ -74,11 +88,14 @@ prepareImage() {
 }
 
 # Boots the image of run $1 until it powers itself off (or is reset); the seconds it took.
+# "nic" as $2 gives the guest a network card, the image's management port.
 bootImage() {
-    local run=$work/$1
+    local run=$work/$1 nic=()
     local started=$SECONDS
+    # shellcheck disable=SC2054 # qemu options, one word each
+    [ "${2:-}" = nic ] && nic=(-netdev user,id=mgmt -device virtio-net-pci,netdev=mgmt,addr=0x5)
     timeout "${KESTRUNE_BOOT_TIMEOUT:-600}" qemu-system-x86_64 -accel tcg -cpu max -m 1024 -smp 1 \
-        -nographic -no-reboot -nodefaults -serial stdio \
+        -nographic -no-reboot -nodefaults -serial stdio "${nic[@]}" \
         -kernel "$kernel/vmlinuz" -initrd "$kernel/initramfs.cpio.gz" \
         -virtfs "local,path=$run/root,mount_tag=hostroot,security_model=none,multidevs=remap" \
         -append "console=ttyS0 quiet loglevel=3 panic=-1 KESTRUNE_GUEST_RW=1 KESTRUNE_GUEST_INIT=/lib/systemd/systemd systemd.show_status=0" \
@@ -98,15 +115,11 @@ findings() {
     fi
 }
 
-bootFamily() {
-    local family=$1
-    local run=$work/$family root=$work/$family/root
-    prepareImage "$family" "$family" "$source/examples/$family.json"
-
-    # What this family's restore must leave: its exit status, a device the agent sees, the VRF
-    # ports that need their holder, an event of the run, and the journal's warnings: exactly
-    # the restore's failures, one line each (every event after the parse).
-    local expect=$root/var/tmp/kestrune-boot/expect
+# What the family's example restore must leave: its exit status, a device the agent sees, the
+# VRF ports that need their holder, an event of the run, and the journal's warnings: exactly
+# the restore's failures, one line each (every event after the parse).
+expectFamily() { # expectFamily FAMILY ROOT
+    local family=$1 expect=$2/var/tmp/kestrune-boot/expect
     local events=tests/production/expected/$family-events.txt
     if [ "$family" = strata ]; then
         echo "exitStatus=0" >"$expect"
@@ -118,13 +131,81 @@ bootFamily() {
     echo "agentSees=vlan10" >>"$expect"
     echo "eventSeen='Adding subintf Ethernet1/1.100'" >>"$expect"
     grep -v '^ConfigParser: ' "$events" | sed 's/^[A-Za-z]*: /Kestrune:0 /' \
-        >"$root/var/tmp/kestrune-boot/expected-warnings.txt" || true
+        >"$2/var/tmp/kestrune-boot/expected-warnings.txt" || true
+}
 
+bootFamily() {
+    local family=$1
+    prepareImage "$family" "$family" "$source/examples/$family.json"
+    expectFamily "$family" "$work/$family/root"
     echo "boot tier ($family): booting the image" >&2
     local seconds
     seconds=$(bootImage "$family")
     echo "boot tier ($family): booted and checked in $seconds s" >&2
     findings "$family"
+}
+
+# The family's boot in an image that also runs the usual network services. The store restores
+# whole (a Sand switch's example without the Port-Channels and subinterfaces a Sand switch
+# never makes), so the node exporter must serve a success. The image's check also restarts
+# networkd, replays udev's "add" of every network device and restarts networking, and after
+# each the devices must still be as the store says.
+servicesFamily() { # servicesFamily NAME FAMILY [without-files]
+    local name=$1 family=$2
+    local root=$work/$name/root store=$source/examples/$family.json
+    if [ "$family" = sand ]; then
+        store=$work/sand-whole.json
+        python3 - "$source/examples/sand.json" "$store" <<'EOF'
+import json, sys
+store = json.load(open(sys.argv[1]))
+def never(name):
+    return name.startswith("Port-Channel") or "." in name
+for section, table in (("Pell", "inputIntfLag"), ("Vant", "subIntfNameToEncapVlanId"),
+                       ("Vant", "intfNameToVlanId"), ("Oku", "interfaces"), ("Dorvel", "intfMtus")):
+    store[section][table] = {k: v for k, v in store[section][table].items() if not never(k)}
+json.dump(store, open(sys.argv[2], "w"), indent=1)
+EOF
+    fi
+    prepareImage "$name" "$family" "$store" "$services"
+    expectFamily "$family" "$root"
+    local metrics=/var/lib/prometheus/node-exporter/kestrune.prom
+    printf '%s\n' exitStatus=0 services=1 "metrics=$metrics" >>"$root/var/tmp/kestrune-boot/expect"
+    if [ "$family" = sand ]; then
+        echo "eventSeen=" >>"$root/var/tmp/kestrune-boot/expect"
+        : >"$root/var/tmp/kestrune-boot/expected-warnings.txt"
+    fi
+    sed -i "s|^KESTRUNE_METRICS=.*|KESTRUNE_METRICS=$metrics|" "$root/etc/default/kestrune"
+
+    # The image's own network configuration: networkd for every link, ifupdown for the
+    # management port (the guest's network card).
+    cat >"$root/etc/systemd/network/90-every-link.network" <<'EOF'
+[Match]
+Name=*
+
+[Network]
+DHCP=no
+LinkLocalAddressing=yes
+EOF
+    cat >"$root/etc/network/interfaces" <<'EOF'
+auto lo
+iface lo inet loopback
+
+auto ens5
+iface ens5 inet static
+    address 192.0.2.10/24
+EOF
+    inRoot systemctl enable systemd-networkd.service >/dev/null 2>&1
+    inRoot systemctl mask e2scrub_all.timer e2scrub_reap.service fstrim.timer \
+        dpkg-db-backup.timer >/dev/null 2>&1 || true
+    if [ "${3:-}" = without-files ]; then
+        rm "$root/usr/lib/systemd/network/10-kestrune.network" \
+            "$root/usr/lib/systemd/network/10-kestrune.link"
+    fi
+    echo "boot tier ($name): booting the image" >&2
+    local seconds
+    seconds=$(bootImage "$name" nic)
+    echo "boot tier ($name): booted and checked in $seconds s" >&2
+    findings "$name"
 }
 
 # The power cut: a large Sand restore (its LAGs and subinterfaces fail in quick succession)
@@ -172,6 +253,11 @@ powerCut() {
 }
 
 for family in "${families[@]}"; do
-    if [ "$family" = power-cut ]; then powerCut; else bootFamily "$family"; fi
+    case $family in
+    power-cut) powerCut ;;
+    strata-services | sand-services) servicesFamily "$family" "${family%-services}" ;;
+    services-without-files) servicesFamily "$family" strata without-files ;;
+    *) bootFamily "$family" ;;
+    esac
 done
 echo "boot tier: ${families[*]} booted, restored and checked"
