@@ -18,7 +18,14 @@ It reads the store as the restore models it, not a restore's output:
   - a routed device of a VRF keeps a copy in the default namespace with the largest frames;
   - MTUs are Dorvel's, a chip device's is the chip's 9216.
 
-  bare-plan.py STORE OUTDIR       writes OUTDIR/bare.txt and the rule files it names
+The lever floor (OUTDIR/lever.txt) is the same with the kernel's IPv6 lever: each device is
+made with IPv6 off and no link-local address generation, so bringing it up walks no IPv6
+routes; its IPv4 addresses go on while it is down; once every device is up, each in turn gets
+IPv6 on, its IPv6 addresses, and address generation back (which makes its link-local
+address). The state it ends in is the bare floor's.
+
+  bare-plan.py STORE OUTDIR       writes OUTDIR/bare.txt, OUTDIR/lever.txt and the rule files
+                                  they name
 """
 import json
 import os
@@ -49,7 +56,29 @@ def addresses(facts):
         sorted(set(facts.get("ip6Address", [])))
 
 
-def plan_of(store, out):
+def lever_of(made, addressed, up):
+    """The lever's operations around the bare floor's: (before the settings, the IPv4
+    addresses, after every device is up). `made` holds (namespace, device) pairs."""
+    def ipv6(op):
+        return ":" in op.split()[3]
+
+    def conf(ns, device, key, value):
+        return "sysctl %s /proc/sys/net/ipv6/conf/%s/%s %d" % (ns, device, key, value)
+
+    off = [conf(ns, k, key, 1) for ns, k in made for key in ("addr_gen_mode", "disable_ipv6")]
+    later = {}
+    for op in addressed:
+        if ipv6(op):
+            later.setdefault(tuple(op.split()[1:3]), []).append(op)
+    on = []
+    for ns, k in sorted(made):  # one namespace after the other
+        on.append(conf(ns, k, "disable_ipv6", 0))
+        on += later.get((ns, k), [])
+        on.append(conf(ns, k, "addr_gen_mode", 0))
+    return off, [op for op in addressed if not ipv6(op)], on
+
+
+def plan_of(store, out, lever=False):
     strata = "Tessaline" in store
     platform = store["Tessaline" if strata else "SandTessaline"]
     vant, oku = store.get("Vant", {}), store.get("Oku", {}).get("interfaces", {})
@@ -125,7 +154,12 @@ def plan_of(store, out):
             continue  # a routed chip device of the default VRF: made above
         addressed += ["addr %s %s %s" % (ns, k, a) for a in addresses(oku[name])]
         up.append("link %s %s 0 -" % (ns, k))
-    plan += made + settings + addressed + up
+    if lever:
+        devices = [(op.split()[1], op.split()[2]) for op in made]
+        off, addressed, on = lever_of(devices, addressed, up)
+        plan += made + off + settings + addressed + up + on
+    else:
+        plan += made + settings + addressed + up
     plan.append("sysctl default /proc/sys/net/ipv6/conf/all/forwarding 1")
     return plan
 
@@ -133,8 +167,9 @@ def plan_of(store, out):
 def main():
     store, out = sys.argv[1:3]
     os.makedirs(out, exist_ok=True)
-    with open(os.path.join(out, "bare.txt"), "w") as file:
-        file.write("\n".join(plan_of(json.load(open(store)), out)) + "\n")
+    for name, lever in (("bare.txt", False), ("lever.txt", True)):
+        with open(os.path.join(out, name), "w") as file:
+            file.write("\n".join(plan_of(json.load(open(store)), out, lever)) + "\n")
 
 
 if __name__ == "__main__":

@@ -6,6 +6,7 @@
 #   library    bench/Floor.cpp with bench/peers.py's plan: the restore's own operations in
 #              the library's order (VLAN devices made in the default namespace and moved)
 #   bare       bench/Floor.cpp with bench/bare-plan.py's plan, written from the store
+#   lever      the same with the kernel's IPv6 lever (bench/bare-plan.py's lever.txt)
 # Each run's milliseconds go to STORE/WHO.ms, its state to STORE/WHO.state.
 #   guest-scale-run.sh WORK ROUNDS BUILD_DIR
 set -euo pipefail
@@ -65,7 +66,7 @@ for dir in "$work"/*/; do
     cp "$dir/k.json" "$dir/reference.json"
     python3 bench/peers.py "$dir/reference.json" "$dir/store.json" "$dir"
     python3 bench/bare-plan.py "$dir/store.json" "$dir"
-    contenders=(kestrune library bare)
+    contenders=(kestrune library bare lever)
     for ((round = 0; round < rounds; round++)); do
         for ((i = 0; i < ${#contenders[@]}; i++)); do
             who=${contenders[$(((i + round) % ${#contenders[@]}))]}
@@ -74,6 +75,7 @@ for dir in "$work"/*/; do
             kestrune) kestrune "$dir" ;;
             library) floor "$dir" library "$dir/plan.txt" ;;
             bare) floor "$dir" bare "$dir/bare.txt" ;;
+            lever) floor "$dir" lever "$dir/lever.txt" ;;
             esac
             python3 bench/same-state.py "$dir/reference.json" "$dir/$who.state" "$store $who" ||
                 echo "$store $who" >>"$work/differs"

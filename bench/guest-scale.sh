@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # The restore at switch scale, where VLAN devices exist: generated stores with SVIs and
 # subinterfaces spread over VRFs, restored in the qemu guest (whose kernel makes VLANs), in one
-# guest boot per chip family, Kestrune against two floors (bench/guest-scale-run.sh):
+# guest boot per chip family, Kestrune against three floors (bench/guest-scale-run.sh):
 #   library   the restore's own kernel operations in the library's order, issued directly
 #   bare      the fewest operations that reach the same state, written from the store
+#   lever     the same with the kernel's IPv6 lever: devices up with IPv6 off, then it on
 # Every run's state is checked against Kestrune's. Prints, per family, medians with their
 # spread (min-max) and the ratios, then each phase, then how Kestrune and the bare floor
 # grow per 2 times the SVIs. Guest times are slow and noisy: read the ratios.
